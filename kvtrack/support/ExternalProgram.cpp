@@ -1,0 +1,132 @@
+#include "kvtrack/support/ExternalProgram.h"
+
+#include "kvtrack/support/FileHandling.h"
+#include "kvtrack/support/Log.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace kvtrack {
+
+namespace {
+
+// Copies of the entries, so a concurrent setenv cannot pull them away.
+std::vector<std::string> childEnvironment() {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);
+  const char* temporary = std::getenv("TMPDIR");
+  if (temporary && *temporary) return entries;
+  // Some programs write temporary files under fixed names. In a shared /tmp
+  // another user could plant links there or clash with us, so without a
+  // TMPDIR of the user's own choosing they get our private folder.
+  std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) return entries;
+  std::erase_if(entries, [](const std::string& e) { return e.starts_with("TMPDIR="); });
+  entries.push_back("TMPDIR=" + sandbox);
+  return entries;
+}
+
+// Starts /bin/sh -c commandLine with standard output on outputDescriptor
+// (-1: ours). The process id, or -1 (logged).
+pid_t startShell(const std::string& commandLine, int outputDescriptor) {
+  if (commandLine.find('\0') != std::string::npos) {
+    logLine("external program: the command line holds a NUL byte; not started");
+    return -1;
+  }
+  std::vector<std::string> environment = childEnvironment();
+  std::vector<char*> envp;
+  for (std::string& entry : environment) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  std::string shell = "sh", option = "-c", command = commandLine;
+  char* argv[] = {shell.data(), option.data(), command.data(), nullptr};
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (outputDescriptor >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, outputDescriptor, STDOUT_FILENO);
+  }
+  // The child starts with no blocked signals and a default SIGPIPE even if
+  // this process ignores it; pipelines in the command rely on that.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t signals;
+  sigemptyset(&signals);
+  posix_spawnattr_setsigmask(&attributes, &signals);
+  sigaddset(&signals, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+  pid_t pid = -1;
+  int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp.data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    logf("external program: cannot start /bin/sh: {}", std::strerror(error));
+    return -1;
+  }
+  return pid;
+}
+
+int waitForShell(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno == EINTR) continue;
+    logf("external program: cannot wait for /bin/sh: {}", std::strerror(errno));
+    return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+}  // namespace
+
+int runShellCommand(const std::string& commandLine) {
+  logLine(commandLine);
+  pid_t pid = startShell(commandLine, -1);
+  return pid < 0 ? -1 : waitForShell(pid);
+}
+
+ShellOutput runShellCommandReadingOutput(const std::string& commandLine) {
+  logLine(commandLine);
+  ShellOutput result;
+  int pipeEnds[2];
+  if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
+    logf("external program: cannot create a pipe: {}", std::strerror(errno));
+    return result;
+  }
+  pid_t pid = startShell(commandLine, pipeEnds[1]);
+  // Only the child may hold the writing end, or reading never sees the end.
+  ::close(pipeEnds[1]);
+  if (pid < 0) {
+    ::close(pipeEnds[0]);
+    return result;
+  }
+  char buffer[65536];
+  while (true) {
+    ssize_t count = ::read(pipeEnds[0], buffer, sizeof buffer);
+    if (count > 0) {
+      result.output.append(buffer, static_cast<size_t>(count));
+    } else if (count == 0) {
+      break;
+    } else if (errno != EINTR) {
+      logf("external program: cannot read the output: {}", std::strerror(errno));
+      break;
+    }
+  }
+  ::close(pipeEnds[0]);
+  result.status = waitForShell(pid);
+  return result;
+}
+
+}  // namespace kvtrack

@@ -1,0 +1,23 @@
+#pragma once
+// ExternalProgram: the one way kvtrack runs other programs (gpsbabel,
+// exiftool, ...): a command line handed to /bin/sh -c. Quote every file name
+// with FileHandling::filenameForShell. The command line is logged before it
+// runs. Safe to call from any thread; the child reads /dev/null.
+
+#include <string>
+
+namespace kvtrack {
+
+/// Exit status 0..255, 128 + signal number when the shell was killed, -1
+/// when it could not be started or waited for (logged). sh answers 127
+/// for a program it cannot find.
+int runShellCommand(const std::string& commandLine);
+
+struct ShellOutput {
+  int status = -1;  // as from runShellCommand
+  std::string output;  // all of standard output; standard error passes through
+};
+
+ShellOutput runShellCommandReadingOutput(const std::string& commandLine);
+
+}  // namespace kvtrack
