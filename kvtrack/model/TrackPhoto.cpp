@@ -1,0 +1,51 @@
+#include "kvtrack/model/TrackPhoto.h"
+
+#include "kvtrack/model/TrackPoint.h"
+
+#include <mutex>
+
+namespace kvtrack {
+
+namespace {
+std::mutex readerMutex;
+TrackPhoto::CaptureTimeReader captureTimeReader;
+}  // namespace
+
+void TrackPhoto::setCaptureTimeReader(CaptureTimeReader reader) {
+  std::lock_guard lock(readerMutex);
+  captureTimeReader = std::move(reader);
+}
+
+std::shared_ptr<TrackPhoto> TrackPhoto::copy() const {
+  auto c = std::make_shared<TrackPhoto>(filepath_);
+  c->timeOfPhoto_ = timeOfPhoto_;
+  c->trackPoint_ = trackPoint_;
+  c->base64Bookmark_ = base64Bookmark_;
+  c->securityScopeURL_ = securityScopeURL_;
+  c->city_ = city_;
+  c->state_ = state_;
+  c->country_ = country_;
+  c->isoCountryCode_ = isoCountryCode_;
+  c->place_ = place_;
+  c->iPhotoId_ = iPhotoId_;
+  c->iPhotoIdAppleScript_ = iPhotoIdAppleScript_;
+  return c;
+}
+
+const std::optional<ISODate>& TrackPhoto::timeOfPhoto() {
+  if (!timeOfPhoto_) loadTimeOfPhotoFromFile();
+  return timeOfPhoto_;
+}
+
+void TrackPhoto::loadTimeOfPhotoFromFile() {
+  CaptureTimeReader reader;
+  {
+    std::lock_guard lock(readerMutex);
+    reader = captureTimeReader;
+  }
+  if (!reader) return;  // no reader installed: nothing can be read
+  timeOfPhoto_ = reader(filepath_);
+  if (trackPoint_) trackPoint_->makeDirty();
+}
+
+}  // namespace kvtrack

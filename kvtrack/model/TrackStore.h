@@ -1,0 +1,28 @@
+#pragma once
+// Where tracks live on disk. The library installs its store here so that a
+// track can read its points on first use and get a file name, without the
+// model depending on the library.
+
+#include <memory>
+#include <string>
+
+namespace kvtrack {
+
+class Track;
+
+class TrackStore {
+ public:
+  virtual ~TrackStore() = default;
+
+  /// Reads the points of a track that names a file; called with the track
+  /// locked and already marked loaded.
+  virtual void loadTrack(Track& track) = 0;
+  /// A fresh file name for a track.
+  virtual std::string generateFilename(Track& track) = 0;
+
+  /// The store of the running library, or null when there is none.
+  static std::shared_ptr<TrackStore> shared();
+  static void setShared(std::shared_ptr<TrackStore> store);
+};
+
+}  // namespace kvtrack

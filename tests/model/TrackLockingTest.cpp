@@ -1,0 +1,75 @@
+#include "kvtrack/model/Track.h"
+#include "ModelTestSupport.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace kvtrack {
+namespace {
+
+using testing::addTimedPoint;
+
+TEST(TrackLock, HeldLockKeepsOtherThreadsOut) {
+  Track track;
+  addTimedPoint(track, 0);
+  std::atomic<bool> added{false};
+  std::thread writer;
+  {
+    std::lock_guard<Track> hold(track);
+    writer = std::thread([&] {
+      addTimedPoint(track, 1);
+      added = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(added.load());
+    EXPECT_EQ(track.trackPoints().size(), 1u);  // the same thread may enter again
+  }
+  writer.join();
+  EXPECT_TRUE(added.load());
+  EXPECT_EQ(track.trackPoints().size(), 2u);
+}
+
+TEST(TrackLock, ConcurrentInsertsSearchesAndStatisticsStayConsistent) {
+  Track track;
+  constexpr int kPerWriter = 2000;
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done) {
+      track.updateAll();
+      track.findTrackPointWithDate(testing::at("2012-05-01T10:10:00Z"));
+      track.findNearestPointForLatitude(47.5, 8.5);
+      double a, b, c, d;
+      track.estimateMinLatitude(a, b, c, d);
+      std::lock_guard<Track> hold(track);
+      const auto& points = track.trackPoints();
+      for (size_t i = 1; i < points.size(); ++i) {
+        ASSERT_LE(points[i - 1]->time()->compare(*points[i]->time()), 0);
+      }
+    }
+  });
+  // Two writers interleave their times; sorted insertion keeps the order.
+  auto writer = [&](int parity) {
+    for (int i = 0; i < kPerWriter; ++i) {
+      auto p = TrackPoint::trackPointWithParent(&track);
+      p->setLatitude(47 + i * 1e-4);
+      p->setLongitude(8);
+      p->setTime(testing::at("2012-05-01T10:00:00Z").dateByAddingYears(0, 0, 0, 0, 0, 2 * i + parity));
+      track.addTrackPointSorted(p);
+    }
+  };
+  std::thread even(writer, 0), odd(writer, 1);
+  even.join();
+  odd.join();
+  done = true;
+  reader.join();
+
+  const auto& points = track.trackPoints();
+  ASSERT_EQ(points.size(), 2u * kPerWriter);
+  for (size_t i = 1; i < points.size(); ++i) {
+    EXPECT_EQ(points[i]->time()->timeIntervalSinceDate(*points[i - 1]->time()), 1.0);
+  }
+}
+
+}  // namespace
+}  // namespace kvtrack

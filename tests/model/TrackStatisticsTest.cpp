@@ -1,0 +1,279 @@
+#include "kvtrack/model/GeocachingService.h"
+#include "kvtrack/model/Track.h"
+#include "kvtrack/support/KvPreferences.h"
+#include "ModelTestSupport.h"
+
+#include <cmath>
+#include <random>
+
+namespace kvtrack {
+namespace {
+
+using testing::addPoint;
+using testing::addTimedPoint;
+using testing::at;
+
+const double kNoElevation = std::nan("");
+
+struct AnyService : GeocachingService {
+  std::string name() const override { return "test"; }
+  std::string urlForLatitude(double, double, double) const override { return {}; }
+  bool belongsToThisService(const TrackPoint&) const override { return true; }
+} service;
+
+TEST(ElevationFigures, TenMetreHysteresis) {
+  Track track;
+  for (double e : {100.0, 105.0, 111.0, 104.0, 120.0}) addPoint(track, 1, 1, "", e);
+  EXPECT_EQ(track.ascending(), 11);
+  EXPECT_EQ(track.descending(), 0);
+  EXPECT_EQ(track.minElevation(), 100);
+  EXPECT_EQ(track.maxElevation(), 120);
+
+  Track climb;  // a slow climb counts in steps of just over 10 m
+  for (int i = 0; i <= 50; ++i) addPoint(climb, 1, 1, "", 1000 + i * 0.7);
+  EXPECT_NEAR(climb.ascending(), 31.5, 1e-9);  // three steps of 10.5 m; the last 3.5 m never count
+  Track down;
+  for (double e : {500.0, 489.5, 489.0, 478.0, kNoElevation, 478.0, 520.0}) addPoint(down, 1, 1, "", e);
+  EXPECT_DOUBLE_EQ(down.descending(), 22.0);
+  EXPECT_DOUBLE_EQ(down.ascending(), 42.0);
+}
+
+TEST(ElevationFigures, MissingElevationsStayNaN) {
+  Track track;
+  addPoint(track, 1, 1, "", kNoElevation);
+  addPoint(track, 2, 2, "", kNoElevation);
+  EXPECT_TRUE(std::isnan(track.ascending()));
+  EXPECT_TRUE(std::isnan(track.descending()));
+  EXPECT_TRUE(std::isnan(track.minElevation()));
+  EXPECT_TRUE(std::isnan(track.maxElevation()));
+  addPoint(track, 3, 3, "", 7);
+  EXPECT_EQ(track.ascending(), 0);  // 0 once any point has an elevation
+  EXPECT_EQ(track.minElevation(), 7);
+}
+
+TEST(ElevationFigures, CleanTracksAreNotRecomputed) {
+  Track track;
+  addPoint(track, 1, 1, "", 100);
+  addPoint(track, 1, 1, "", 200);
+  EXPECT_EQ(track.maxElevation(), 200);
+  track.setIsDirty(false);
+  track.trackPoints()[1]->setElevation(300);  // plain setter: no dirty mark
+  EXPECT_EQ(track.maxElevation(), 200);
+  track.makeDirty();
+  EXPECT_EQ(track.maxElevation(), 300);
+}
+
+TEST(Counts, WaypointsGeocachesAndPhotos) {
+  Track track;
+  addTimedPoint(track, 0)->setIsWayPoint(true);
+  addTimedPoint(track, 1)->setName("named track point");
+  addTimedPoint(track, 2)->setName("");
+  auto cache = addTimedPoint(track, 3);
+  cache->setIsWayPoint(true);
+  cache->setGeocachingService(&service);
+  addTimedPoint(track, 4)->setGeocachingService(&service);  // not a waypoint: not counted
+  auto photos = addTimedPoint(track, 5);
+  photos->addTrackPhoto(TrackPhoto::trackPhotoWithFilepath("/a.jpg"));
+  photos->addTrackPhoto(TrackPhoto::trackPhotoWithFilepath("/b.jpg"));
+  track.updateProperties();
+  EXPECT_EQ(track.waypointCount(), 3);
+  EXPECT_EQ(track.geocacheCount(), 1);
+  EXPECT_EQ(track.photoCount(), 2);
+  EXPECT_TRUE(track.propertiesUpdated());
+  EXPECT_EQ(track.type(), Track::kRecordedTrack);
+}
+
+TEST(Classification, TypeIsSetOnceFromThePoints) {
+  Track places;
+  for (int i = 0; i < 3; ++i) addPoint(places, i, i)->setIsWayPoint(true);
+  places.updateAll();
+  EXPECT_EQ(places.type(), Track::kPlaceCollection);
+  for (const auto& p : places.trackPoints()) EXPECT_TRUE(std::isnan(p->speed()));
+
+  Track untimed;
+  addPoint(untimed, 1, 1);
+  addPoint(untimed, 2, 2);
+  untimed.updateProperties();
+  EXPECT_EQ(untimed.type(), Track::kPlaceCollection);
+
+  Track caches;
+  for (int i = 0; i < 2; ++i) {
+    auto p = addPoint(caches, i, i);
+    p->setIsWayPoint(true);
+    p->setGeocachingService(&service);
+  }
+  caches.updateProperties();
+  EXPECT_EQ(caches.type(), Track::kGeocacheCollection);
+
+  Track recorded;
+  addTimedPoint(recorded, 0);
+  addTimedPoint(recorded, 1);
+  recorded.updateProperties();
+  EXPECT_EQ(recorded.type(), Track::kRecordedTrack);
+  EXPECT_EQ(recorded.startTime(), at("2012-05-01T10:00:00Z"));
+  // Sticky: once classified as places, adding timed points changes nothing.
+  addTimedPoint(places, 10);
+  places.updateProperties();
+  EXPECT_EQ(places.type(), Track::kPlaceCollection);
+
+  Track empty;
+  empty.updateProperties();
+  EXPECT_FALSE(empty.propertiesUpdated());
+  EXPECT_EQ(empty.type(), Track::kRecordedTrack);
+}
+
+TEST(Speeds, OneKilometreInOneMinuteIsSixtyKmh) {
+  Track track;
+  auto a = addPoint(track, 0, 0, "2012-05-01T10:00:00Z");
+  // One kilometre north on the 6371 km sphere.
+  const double oneKm = 180.0 / (6371.0 * 3.141592653589793);
+  auto b = addPoint(track, oneKm, 0, "2012-05-01T10:01:00Z");
+  track.setIsDirty(false);
+  track.updateAll();
+  EXPECT_EQ(a->speed(), 0.0);
+  EXPECT_NEAR(b->speed(), 60.0, 1e-6);
+  EXPECT_NEAR(track.maxSpeed(), 60.0, 1e-6);
+  EXPECT_EQ(track.minSpeed(), 0.0);
+  EXPECT_NEAR(track.length(), 1.0, 1e-6);  // acos loses digits on short legs
+}
+
+TEST(Speeds, DenseSamplingIsSmoothedOverTheMinimumInterval) {
+  Track track;
+  for (int i = 0; i < 7; ++i) addTimedPoint(track, i * 0.5, 47.0 + i * 0.001, 8.0);
+  track.updateSpeeds();
+  const auto& p = track.trackPoints();
+  const auto speedOver = [&](int from, int to) {
+    return p[from]->distanceToTrackPoint(*p[to]) / (p[to]->time()->timeIntervalSinceDate(*p[from]->time())) * 3600;
+  };
+  EXPECT_EQ(p[0]->speed(), 0.0);
+  EXPECT_EQ(p[1]->speed(), 0.0);   // the last speed, written while the reference is the first point
+  EXPECT_EQ(p[2]->speed(), -1.0);  // never written
+  EXPECT_DOUBLE_EQ(p[3]->speed(), speedOver(1, 3));
+  EXPECT_DOUBLE_EQ(p[4]->speed(), speedOver(2, 4));
+  EXPECT_DOUBLE_EQ(p[5]->speed(), speedOver(3, 5));
+  EXPECT_DOUBLE_EQ(p[6]->speed(), speedOver(4, 6));
+}
+
+TEST(Speeds, ShortLastIntervalRepeatsTheLastSpeedAndPreferenceWidensTheSpan) {
+  Track track;
+  for (double t : {0.0, 10.0, 20.0, 20.5}) addTimedPoint(track, t, 47.0 + t * 0.0001, 8.0);
+  track.updateSpeeds();
+  const auto& p = track.trackPoints();
+  EXPECT_DOUBLE_EQ(p[3]->speed(), p[2]->speed());
+
+  KvPreferences::singleton().setMinIntervalSpeedCalculation(15);
+  Track wide;
+  for (int i = 0; i < 5; ++i) addTimedPoint(wide, i * 10.0, 47.0 + i * 0.001, 8.0);
+  wide.updateSpeeds();
+  const auto& w = wide.trackPoints();
+  EXPECT_EQ(w[1]->speed(), 0.0);   // 10 s < 15 s with the first point as reference
+  EXPECT_EQ(w[2]->speed(), -1.0);  // 10 s from point 1: kept
+  EXPECT_DOUBLE_EQ(w[3]->speed(), w[1]->distanceToTrackPoint(*w[3]) / 20 * 3600);
+  KvPreferences::singleton().setMinIntervalSpeedCalculation(std::nullopt);
+}
+
+TEST(Speeds, RangeIsResetWhenADirtyTrackIsRecomputed) {
+  Track track;
+  addTimedPoint(track, 0, 47.0);
+  addTimedPoint(track, 60, 47.01);
+  track.updateAll();  // the track is dirty from the edits...
+  EXPECT_TRUE(std::isnan(track.maxSpeed()));  // ...so the getter recomputes and drops the range
+  EXPECT_TRUE(std::isnan(track.minSpeed()));
+  track.setIsDirty(false);
+  track.updateAll();
+  EXPECT_GT(track.maxSpeed(), 0.0);
+}
+
+TEST(Lengths, LegsAndTotalUseTheOneFormula) {
+  Track one;
+  auto only = addPoint(one, 47, 8);
+  only->setLength(5);
+  EXPECT_EQ(one.calcLength(), 0.0);
+  EXPECT_EQ(only->length(), 0.0);
+  EXPECT_EQ(Track().calcLength(), 0.0);
+
+  std::mt19937 random(3);
+  std::uniform_real_distribution<double> lat(-80, 80), lon(-179, 179);
+  Track track;
+  for (int i = 0; i < 500; ++i) addPoint(track, lat(random), lon(random));
+  double expected = 0;
+  const auto& p = track.trackPoints();
+  for (size_t k = 1; k < p.size(); ++k) {
+    const double leg = TrackPoint::distanceFromLatitude(p[k]->latitude(), p[k]->longitude(),
+                                                        p[k - 1]->latitude(), p[k - 1]->longitude());
+    expected += leg;
+  }
+  track.updateLength();
+  EXPECT_EQ(track.length(), expected);  // bit for bit, cached trigonometry or not
+  for (size_t k = 1; k < p.size(); ++k) {
+    EXPECT_EQ(p[k]->length(), TrackPoint::distanceFromLatitude(p[k]->latitude(), p[k]->longitude(),
+                                                               p[k - 1]->latitude(),
+                                                               p[k - 1]->longitude()));
+  }
+}
+
+TEST(Bounds, ExactAndSampledBoxes) {
+  Track track;
+  for (int i = 0; i < 40; ++i) addPoint(track, i * 0.1, -i * 0.2);
+  double minLat = 99, maxLat = 99, minLon = 99, maxLon = 99;
+  Track().calcMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_EQ(minLat, 99);  // untouched for an empty track
+  track.calcMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_EQ(minLat, 0);
+  EXPECT_DOUBLE_EQ(maxLat, 3.9);
+  EXPECT_DOUBLE_EQ(minLon, -7.8);
+  EXPECT_EQ(maxLon, 0);
+
+  // 40 points: step 2, so indices 1, 3, ..., 39 are sampled.
+  track.estimateMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_DOUBLE_EQ(maxLat, 3.9);
+  // 51 points: step 3 visits 1, 4, ..., 49, so neither 39 nor the last point.
+  addPoint(track, 0, 0);
+  for (int i = 41; i < 50; ++i) addPoint(track, 1, 1);
+  addPoint(track, 60, 60);
+  ASSERT_EQ(track.trackPoints().size(), 51u);
+  track.estimateMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_DOUBLE_EQ(maxLat, 3.7);
+  track.calcMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_EQ(maxLat, 60);
+
+  Track dateLine;
+  addPoint(dateLine, 0, 179);
+  addPoint(dateLine, 0, -179);
+  dateLine.calcMinLatitude(minLat, maxLat, minLon, maxLon);
+  EXPECT_EQ(minLon, -179);  // spans the other side of the globe
+  EXPECT_EQ(maxLon, 179);
+}
+
+TEST(TimeZone, OffsetChangesTheZoneNotTheInstant) {
+  Track empty;
+  empty.setTimezoneOffset(120);
+  EXPECT_FALSE(empty.isDirty());
+  EXPECT_EQ(empty.timezoneOffset(), 0);
+
+  Track track;
+  auto a = addPoint(track, 1, 1, "2012-05-01T10:00:00Z");
+  addPoint(track, 2, 2);  // a point without time is left alone
+  auto c = addPoint(track, 3, 3, "2012-05-01T11:00:00.5Z");
+  auto photo = TrackPhoto::trackPhotoWithFilepath("/p.jpg");
+  photo->setTimeOfPhoto(at("2012-05-01T10:30:00Z"));
+  a->addTrackPhoto(photo);
+  track.updateTimes();
+  track.setIsDirty(false);
+
+  track.setTimezoneOffset(-330);
+  EXPECT_TRUE(track.isDirty());
+  EXPECT_EQ(track.timezoneOffset(), -330);
+  EXPECT_EQ(a->time()->description(), "2012-05-01T04:30:00-05:30");
+  EXPECT_TRUE(a->time()->isEqualToDate(at("2012-05-01T10:00:00Z")));
+  EXPECT_EQ(c->time()->description(), "2012-05-01T05:30:00.5-05:30");
+  EXPECT_EQ(photo->storedTimeOfPhoto()->timezoneOffset(), -330);
+  EXPECT_TRUE(photo->storedTimeOfPhoto()->isEqualToDate(at("2012-05-01T10:30:00Z")));
+  // Start and end follow the first and last point.
+  EXPECT_EQ(track.startTime(), a->time());
+  EXPECT_EQ(track.endTime(), c->time());
+  EXPECT_DOUBLE_EQ(track.duration(), 3600.5);
+}
+
+}  // namespace
+}  // namespace kvtrack
