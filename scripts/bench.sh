@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Builds the optimised preset and runs the benchmarks, printing the figures
+# that the closing notes of each change report.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default
+
+echo "== memory per track point"
+build/default/bench/point_memory
+echo
+echo "== updateAll against a bare great-circle loop"
+build/default/bench/model_bench --benchmark_color=false
