@@ -3,6 +3,8 @@
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
 
+#include "tests/common/ScopedEnvironment.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -25,28 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) previous_ = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedEnvironment() {
-    if (previous_) {
-      setenv(name_, previous_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+using testing::ScopedEnvironment;
 
 TEST(ExternalProgramStatus, ReportsExitStatusesAndSignals) {
   EXPECT_EQ(runShellCommand("true"), 0);

@@ -2,6 +2,8 @@
 
 #include "kvtrack/support/ExternalProgram.h"
 
+#include "tests/common/ScopedEnvironment.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -20,28 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // Sets or unsets an environment variable for one test.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) previous_ = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedEnvironment() {
-    if (previous_) {
-      setenv(name_, previous_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+using testing::ScopedEnvironment;
 
 class TemporaryFolder {
  public:
