@@ -11,6 +11,7 @@ packages=(
   libfmt-dev libspdlog-dev libcli11-dev libtomlplusplus-dev
   libicu-dev uuid-dev libxml2-dev libxml2-utils
   time
+  gpsbabel
 )
 
 missing=()

@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the whole test suite twice:
-# in the optimised build and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Installs what is missing, fuzzes the GPX reader for a minute, then builds
+# and runs the whole test suite twice: in the optimised build and under
+# AddressSanitizer + UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
+
+echo "== fuzzing the GPX reader"
+scripts/fuzz.sh 60
 
 for preset in default sanitize; do
   echo "== $preset build"

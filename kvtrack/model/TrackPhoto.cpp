@@ -1,7 +1,9 @@
 #include "kvtrack/model/TrackPhoto.h"
 
 #include "kvtrack/model/TrackPoint.h"
+#include "kvtrack/support/Base64.h"
 
+#include <filesystem>
 #include <mutex>
 
 namespace kvtrack {
@@ -46,6 +48,13 @@ void TrackPhoto::loadTimeOfPhotoFromFile() {
   if (!reader) return;  // no reader installed: nothing can be read
   timeOfPhoto_ = reader(filepath_);
   if (trackPoint_) trackPoint_->makeDirty();
+}
+
+void TrackPhoto::updateBookmarkFromPath() {
+  if (filepath_.empty() || (base64Bookmark_ && !base64Bookmark_->empty())) return;
+  std::error_code error;
+  if (!std::filesystem::exists(filepath_, error)) return;  // no file, nothing to point at
+  base64Bookmark_ = base64Encode(filepath_);
 }
 
 }  // namespace kvtrack

@@ -54,6 +54,9 @@ class TrackPhoto {
   void setSecurityScopeURL(std::optional<std::string> v) { securityScopeURL_ = std::move(v); }
   bool securityScopeURLStarted() const { return securityScopeURLStarted_; }
   void setSecurityScopeURLStarted(bool v) { securityScopeURLStarted_ = v; }
+  /// Makes the bookmark from the path when there is none yet and the file
+  /// exists. Outside a sandbox a bookmark is the base64 text of the path.
+  void updateBookmarkFromPath();
 
   const std::optional<std::string>& city() const { return city_; }
   void setCity(std::optional<std::string> v) { city_ = std::move(v); }

@@ -238,7 +238,16 @@ void TrackPoint::copyWaypointAttributesFrom(const TrackPoint& source) {
   }
   const int32_t ownIndex = own ? own->indexForGPXExternalFile : 0;
 
-  setGeocache(source.geocache() ? source.geocache()->copy() : nullptr);
+  // The replacement keeps the incoming logs, which now include ours: a plain
+  // copy starts without logs and would lose them.
+  GeocachePtr replacement;
+  if (const GeocachePtr& incoming = source.geocache()) {
+    replacement = incoming->copy();
+    for (const auto& log : incoming->logs) {
+      replacement->logs.push_back(std::make_shared<GeocacheLog>(*log));
+    }
+  }
+  setGeocache(std::move(replacement));
   setGeocachingService(source.geocachingService());
   if (const GeocachePtr& replaced = geocache()) {
     // The external description file keeps its slot and is rewritten at the next save.

@@ -196,8 +196,10 @@ TEST(PointMerge, CopyWaypointAttributesKeepsLogsSlotAndFoundState) {
   EXPECT_TRUE(own.geocache()->externalGPXFileDirty);
   EXPECT_TRUE(own.geocache()->externalGPXFileLoaded);
   EXPECT_EQ(own.geocache()->yourLogType, 0);
-  ASSERT_EQ(incomingCache->logs.size(), 1u);  // our log went to the incoming record
+  ASSERT_EQ(incomingCache->logs.size(), 1u);  // our log went to the incoming record...
   EXPECT_EQ(incomingCache->logs[0]->geocacher, "me");
+  ASSERT_EQ(own.geocache()->logs.size(), 1u);  // ...and survives in the replacement
+  EXPECT_EQ(own.geocache()->logs[0]->geocacher, "me");
   EXPECT_TRUE(track.isDirty());
 
   TrackPoint fresh;

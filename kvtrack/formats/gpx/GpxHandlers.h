@@ -1,0 +1,93 @@
+#pragma once
+// The element handlers of the GPX reader. Each takes over the parser's
+// events when its element starts and hands them back to its parent when it
+// ends.
+
+#include "kvtrack/formats/xml/SaxParser.h"
+#include "kvtrack/model/Track.h"
+
+#include <string>
+
+namespace kvtrack::gpx {
+
+/// Logs "<class>: Error %d, Description: %s, Line: %d, Column: %d"; the
+/// premature-end code 5 stays silent. Always reports the error as handled.
+bool logParseError(const char* className, const xml::ParseError& error);
+
+/// A "trk" or "rte": name, description, tags, display attributes, time
+/// zone, segments, and its points (each through a TrackPointGPXElement).
+class TrackGPXElement : public xml::SaxHandler {
+ public:
+  /// importFilename: the file being read, to find an external point file.
+  static void trackGPXElementForTrack(Track& track, xml::SaxParser& parser,
+                                      const std::string& importFilename);
+
+  TrackGPXElement(Track& track, std::string importFilename)
+      : track_(track), importFilename_(std::move(importFilename)) {}
+  void startElement(xml::SaxParser& parser, std::string_view name,
+                    const xml::Attributes& attributes) override;
+  void endElement(xml::SaxParser& parser, std::string_view name) override;
+  void characters(xml::SaxParser& parser, std::string_view chunk) override;
+  bool parseError(xml::SaxParser& parser, const xml::ParseError& error) override;
+
+ private:
+  Track& track_;
+  std::string importFilename_;
+  bool parserInName_ = false;
+  bool parserInDescription_ = false;
+  bool parserInTags_ = false;
+  bool hasTimezoneOffset_ = false;
+  int32_t timezoneOffset_ = 0;
+};
+
+/// A "trkpt" or "rtept": time, elevation, speed, the waypoint name, photos.
+class TrackPointGPXElement : public xml::SaxHandler {
+ public:
+  /// The handler shares the point: a point dropped for its position still
+  /// receives its children's events.
+  static void trackPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser);
+
+  explicit TrackPointGPXElement(TrackPointPtr point) : owned_(std::move(point)), point_(*owned_) {}
+  void startElement(xml::SaxParser& parser, std::string_view name,
+                    const xml::Attributes& attributes) override;
+  void endElement(xml::SaxParser& parser, std::string_view name) override;
+  void characters(xml::SaxParser& parser, std::string_view chunk) override;
+
+ private:
+  void startPhoto(const xml::Attributes& attributes);
+
+  TrackPointPtr owned_;
+  TrackPoint& point_;
+  TrackPhotoPtr currentPhoto_;
+  std::string buffer_;
+  bool parserInTime_ = false;
+  bool parserInElevation_ = false;
+  bool parserInSpeed_ = false;
+  bool parserInLength_ = false;
+  bool parserInName_ = false;
+  bool parserInPhoto_ = false;
+  bool parserInPhotoBookmark_ = false;
+};
+
+/// A "wpt": position, time, the waypoint attributes and geocache blocks.
+class WayPointGPXElement : public xml::SaxHandler {
+ public:
+  static void wayPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser,
+                                              const xml::Attributes& attributes);
+
+  WayPointGPXElement(TrackPointPtr point, const xml::Attributes& attributes);
+  void startElement(xml::SaxParser& parser, std::string_view name,
+                    const xml::Attributes& attributes) override;
+  void endElement(xml::SaxParser& parser, std::string_view name) override;
+  void characters(xml::SaxParser& parser, std::string_view chunk) override;
+  bool parseError(xml::SaxParser& parser, const xml::ParseError& error) override;
+
+ private:
+  TrackPointPtr owned_;
+  TrackPoint& point_;
+  std::string buffer_;
+  bool parserInTime_ = false;
+  bool parserInElevation_ = false;
+};
+
+}  // namespace kvtrack::gpx

@@ -1,0 +1,94 @@
+#include "kvtrack/formats/xml/XmlTree.h"
+
+#include <libxml/tree.h>
+#include <libxml/xmlsave.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+namespace kvtrack::xml {
+
+namespace {
+
+// libxml2 wants NUL-terminated names; the dictionary interns them once.
+const xmlChar* intern(xmlNode* node, std::string_view name) {
+  return xmlDictLookup(node->doc->dict, reinterpret_cast<const xmlChar*>(name.data()),
+                       static_cast<int>(name.size()));
+}
+
+const xmlChar* chars(const std::string& s) { return reinterpret_cast<const xmlChar*>(s.c_str()); }
+
+}  // namespace
+
+XmlElement XmlElement::addChild(std::string_view name, XmlNamespace ns) {
+  xmlNode* child = xmlNewDocNode(node_->doc, ns.raw(), intern(node_, name), nullptr);
+  xmlAddChild(node_, child);
+  return XmlElement(child);
+}
+
+XmlElement XmlElement::addChild(std::string_view name, std::string_view text, XmlNamespace ns) {
+  XmlElement child = addChild(name, ns);
+  child.addText(text);
+  return child;
+}
+
+void XmlElement::setAttribute(std::string_view name, std::string_view value) {
+  const std::string v(value);
+  xmlNewProp(node_, intern(node_, name), chars(v));
+}
+
+void XmlElement::addText(std::string_view text) {
+  if (text.empty()) return;
+  xmlNode* t = xmlNewDocTextLen(node_->doc, reinterpret_cast<const xmlChar*>(text.data()),
+                                static_cast<int>(text.size()));
+  xmlAddChild(node_, t);
+}
+
+XmlNamespace XmlElement::declareNamespace(std::string_view prefix, std::string_view uri) {
+  const std::string u(uri), p(prefix);
+  return XmlNamespace(xmlNewNs(node_, chars(u), p.empty() ? nullptr : chars(p)));
+}
+
+void XmlElement::setNamespace(XmlNamespace ns) { xmlSetNs(node_, ns.raw()); }
+
+XmlDocument::XmlDocument(std::string_view rootName) : doc_(xmlNewDoc(BAD_CAST "1.0")) {
+  doc_->dict = xmlDictCreate();
+  const std::string name(rootName);
+  xmlNode* root = xmlNewDocNode(doc_, nullptr, chars(name), nullptr);
+  xmlDocSetRootElement(doc_, root);
+}
+
+XmlDocument::~XmlDocument() { xmlFreeDoc(doc_); }
+
+XmlElement XmlDocument::root() const { return XmlElement(xmlDocGetRootElement(doc_)); }
+
+bool XmlDocument::save(const std::string& path, const std::string& encoding, bool atomic) const {
+  if (!atomic) return xmlSaveFormatFileEnc(path.c_str(), doc_, encoding.c_str(), 1) >= 0;
+  const std::filesystem::path target(path);
+  std::string temporary =
+      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+  const int fd = mkstemp(temporary.data());
+  if (fd < 0) return false;
+  ::close(fd);
+  if (xmlSaveFormatFileEnc(temporary.c_str(), doc_, encoding.c_str(), 1) < 0) {
+    std::remove(temporary.c_str());
+    return false;
+  }
+  std::error_code error;
+  std::filesystem::rename(temporary, target, error);
+  if (error) std::remove(temporary.c_str());
+  return !error;
+}
+
+std::string XmlDocument::text(const std::string& encoding) const {
+  xmlChar* buffer = nullptr;
+  int size = 0;
+  xmlDocDumpFormatMemoryEnc(doc_, &buffer, &size, encoding.c_str(), 1);
+  std::string result(reinterpret_cast<const char*>(buffer), static_cast<size_t>(size));
+  xmlFree(buffer);
+  return result;
+}
+
+}  // namespace kvtrack::xml

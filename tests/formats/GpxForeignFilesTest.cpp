@@ -1,0 +1,164 @@
+// Files written by other programs: gpsbabel's GPX 1.0 and 1.1, and a
+// Groundspeak pocket query.
+#include "kvtrack/formats/geocache/GeocachingServices.h"
+#include "kvtrack/formats/gpx/TrackGPX.h"
+#include "kvtrack/support/ExternalProgram.h"
+#include "kvtrack/support/FileHandling.h"
+#include "tests/common/ScratchFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace kvtrack {
+namespace {
+
+using testing::ScratchFolder;
+
+// Lets gpsbabel rewrite a GPX file in the given output variant.
+std::string throughGpsbabel(const ScratchFolder& folder, const std::string& input,
+                            const std::string& output, const std::string& options) {
+  const std::string target = folder.file(output);
+  const int status = runShellCommand(
+      "gpsbabel -t -r -w -i gpx -f " + FileHandling::filenameForShell(input) + " -o gpx" +
+      options + " -F " + FileHandling::filenameForShell(target));
+  EXPECT_EQ(status, 0);
+  return target;
+}
+
+const char* kSource = R"(<?xml version="1.0" encoding="UTF-8"?>
+<gpx version="1.1" creator="hand" xmlns="http://www.topografix.com/GPX/1/1">
+  <metadata><name>Sample</name><time>2012-05-01T09:00:00Z</time></metadata>
+  <wpt lat="47.3769" lon="8.5417"><ele>408</ele><time>2012-05-01T10:00:05Z</time><name>Bridge</name><desc>Old bridge</desc><sym>Flag</sym></wpt>
+  <trk><name>Morning run</name><trkseg>
+    <trkpt lat="47.3769" lon="8.5417"><ele>408</ele><time>2012-05-01T10:00:05Z</time></trkpt>
+    <trkpt lat="47.3775" lon="8.5425"><ele>410.5</ele><time>2012-05-01T10:00:35Z</time></trkpt>
+  </trkseg><trkseg>
+    <trkpt lat="47.3781" lon="8.5433"><ele>412</ele><time>2012-05-01T10:01:05.5Z</time></trkpt>
+  </trkseg></trk>
+</gpx>
+)";
+
+class GpsbabelFiles : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(GpsbabelFiles, TrackWaypointsAndSegmentsReadBack) {
+  ScratchFolder folder;
+  const std::string converted =
+      throughGpsbabel(folder, folder.write("source.gpx", kSource), "out.gpx", GetParam());
+  const std::string text = ScratchFolder::read(converted);
+  ASSERT_NE(text.find("<trkpt"), std::string::npos) << text;
+
+  auto track = Track::track();
+  ASSERT_TRUE(TrackGPX(track).importFrom(converted));
+  EXPECT_EQ(track->name(), "Morning run");
+  const auto& p = track->trackPoints();
+  ASSERT_EQ(p.size(), 3u);
+  EXPECT_EQ(p[0]->latitude(), 47.3769);
+  EXPECT_EQ(p[1]->longitude(), 8.5425);
+  EXPECT_EQ(p[1]->elevation(), 410.5);
+  EXPECT_TRUE(p[1]->isEndOfSegment());
+  EXPECT_TRUE(p[2]->isEndOfSegment());
+  EXPECT_TRUE(p[2]->time()->isEqualToDate(*ISODate::isoDateWithString("2012-05-01T10:01:05.5Z")));
+  // The waypoint lands on the track point at its position.
+  EXPECT_TRUE(p[0]->isWayPoint());
+  EXPECT_EQ(p[0]->name(), "Bridge");
+  EXPECT_EQ(p[0]->description(), "Old bridge");
+  EXPECT_EQ(p[0]->symbol(), "Flag");
+  track->updateAll();
+  EXPECT_NEAR(track->length(), 0.18, 0.02);
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, GpsbabelFiles,
+                         ::testing::Values(",gpxver=1.0", ",gpxver=1.1"));
+
+TEST(ForeignFiles, GpsbabelRouteAndWaypointOnlyFiles) {
+  ScratchFolder folder;
+  const std::string route = folder.write("route.gpx", R"(<?xml version="1.0"?>
+<gpx version="1.1" creator="hand" xmlns="http://www.topografix.com/GPX/1/1">
+  <rte><name>Tour</name><rtept lat="46.1" lon="7.1"><name>Start</name></rtept>
+  <rtept lat="46.2" lon="7.2"><name>End</name></rtept></rte></gpx>)");
+  auto track = Track::track();
+  ASSERT_TRUE(TrackGPX(track).importFrom(throughGpsbabel(folder, route, "r10.gpx", ",gpxver=1.0")));
+  ASSERT_EQ(track->trackPoints().size(), 2u);
+  EXPECT_TRUE(track->trackPoints()[1]->isWayPoint());
+  EXPECT_EQ(track->trackPoints()[1]->name(), "End");
+
+  const std::string waypoints = folder.write("wpts.gpx", R"(<?xml version="1.0"?>
+<gpx version="1.1" creator="hand" xmlns="http://www.topografix.com/GPX/1/1">
+  <wpt lat="46.5" lon="7.5"><name>Hut</name><cmt>beds</cmt></wpt>
+  <wpt lat="46.6" lon="7.6"><name>Lake</name></wpt></gpx>)");
+  auto places = Track::track();
+  ASSERT_TRUE(TrackGPX(places).importFrom(throughGpsbabel(folder, waypoints, "w11.gpx", "")));
+  ASSERT_EQ(places->trackPoints().size(), 2u);
+  EXPECT_TRUE(places->trackPoints()[0]->isWayPoint());
+  EXPECT_EQ(places->trackPoints()[0]->comment(), "beds");
+  places->updateProperties();
+  EXPECT_EQ(places->type(), Track::kPlaceCollection);
+}
+
+TEST(ForeignFiles, GroundspeakPocketQueryWithTravelBugs) {
+  ScratchFolder folder;
+  const std::string pq = folder.write("pq.gpx", R"(<?xml version="1.0" encoding="utf-8"?>
+<gpx xmlns:xsd="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance"
+     version="1.0" creator="Groundspeak Pocket Query" xmlns="http://www.topografix.com/GPX/1/0">
+  <name>My Finds Pocket Query</name>
+  <time>2012-06-01T12:00:00.0000000Z</time>
+  <wpt lat="47.366667" lon="8.55">
+    <time>2010-03-14T08:00:00</time>
+    <name>GC1ABCD</name>
+    <desc>Lake view by someone, Traditional Cache (1.5/2)</desc>
+    <url>http://www.geocaching.com/seek/cache_details.aspx?guid=abc</url>
+    <urlname>Lake view</urlname>
+    <sym>Geocache Found</sym>
+    <type>Geocache|Traditional Cache</type>
+    <groundspeak:cache id="1234567" available="True" archived="False" xmlns:groundspeak="http://www.groundspeak.com/cache/1/0/1">
+      <groundspeak:name>Lake view</groundspeak:name>
+      <groundspeak:placed_by>someone</groundspeak:placed_by>
+      <groundspeak:owner id="42">someone</groundspeak:owner>
+      <groundspeak:type>Traditional Cache</groundspeak:type>
+      <groundspeak:container>Small</groundspeak:container>
+      <groundspeak:difficulty>1.5</groundspeak:difficulty>
+      <groundspeak:terrain>2</groundspeak:terrain>
+      <groundspeak:country>Switzerland</groundspeak:country>
+      <groundspeak:state>Zürich</groundspeak:state>
+      <groundspeak:short_description html="True">Short &lt;b&gt;one&lt;/b&gt;</groundspeak:short_description>
+      <groundspeak:long_description html="True">Long text</groundspeak:long_description>
+      <groundspeak:encoded_hints>under the bench</groundspeak:encoded_hints>
+      <groundspeak:logs>
+        <groundspeak:log id="9001">
+          <groundspeak:date>2010-03-14T19:00:00Z</groundspeak:date>
+          <groundspeak:type>Found it</groundspeak:type>
+          <groundspeak:finder id="7">finder</groundspeak:finder>
+          <groundspeak:text encoded="False">TFTC</groundspeak:text>
+        </groundspeak:log>
+      </groundspeak:logs>
+      <groundspeak:travelbugs>
+        <groundspeak:travelbug id="55" ref="TB1234"><groundspeak:name>Bug</groundspeak:name></groundspeak:travelbug>
+      </groundspeak:travelbugs>
+    </groundspeak:cache>
+  </wpt>
+</gpx>)");
+  auto track = Track::track();
+  ASSERT_TRUE(TrackGPX(track).importFrom(pq));
+  ASSERT_EQ(track->trackPoints().size(), 1u);
+  const auto& point = track->trackPoints()[0];
+  EXPECT_EQ(point->name(), "GC1ABCD");
+  ASSERT_TRUE(point->geocache());
+  const Geocache& cache = *point->geocache();
+  EXPECT_EQ(cache.name, "Lake view");  // not the travel bug's name
+  EXPECT_EQ(cache.identifier, "1234567");
+  EXPECT_EQ(cache.status, 1);
+  EXPECT_EQ(cache.type, 0);
+  EXPECT_EQ(cache.container, 3);
+  EXPECT_EQ(cache.difficulty, 1.5f);
+  EXPECT_EQ(cache.hints, "under the bench");
+  EXPECT_EQ(cache.summary, "Short <b>one</b>");
+  ASSERT_EQ(cache.logs.size(), 1u);
+  EXPECT_EQ(cache.logs[0]->geocacher, "finder");
+  EXPECT_EQ(cache.logs[0]->type, 0);
+  EXPECT_EQ(point->geocachingService(), GeocachingServices::geocachingService(*point));
+  ASSERT_NE(point->geocachingService(), nullptr);
+  track->updateProperties();
+  EXPECT_EQ(track->type(), Track::kGeocacheCollection);
+}
+
+}  // namespace
+}  // namespace kvtrack

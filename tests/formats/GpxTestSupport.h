@@ -1,0 +1,124 @@
+#pragma once
+// Reading written GPX back into a small element tree for assertions, and
+// builders for tracks and points.
+
+#include "kvtrack/formats/xml/SaxParser.h"
+#include "kvtrack/model/Track.h"
+#include "kvtrack/support/ISODate.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kvtrack::testing {
+
+/// One element: qualified name, attributes in file order, children, text.
+struct XmlNode {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> attributes;
+  std::vector<std::unique_ptr<XmlNode>> children;
+  std::string text;
+
+  std::optional<std::string> attribute(std::string_view key) const {
+    for (const auto& [k, v] : attributes) {
+      if (k == key) return v;
+    }
+    return std::nullopt;
+  }
+  std::vector<std::string> attributeNames() const {
+    std::vector<std::string> names;
+    for (const auto& a : attributes) names.push_back(a.first);
+    return names;
+  }
+  std::vector<std::string> childNames() const {
+    std::vector<std::string> names;
+    for (const auto& c : children) names.push_back(c->name);
+    return names;
+  }
+  /// The index-th child of that name, or null.
+  const XmlNode* child(std::string_view childName, size_t index = 0) const {
+    for (const auto& c : children) {
+      if (c->name == childName && index-- == 0) return c.get();
+    }
+    return nullptr;
+  }
+  std::vector<const XmlNode*> all(std::string_view childName) const {
+    std::vector<const XmlNode*> found;
+    for (const auto& c : children) {
+      if (c->name == childName) found.push_back(c.get());
+    }
+    return found;
+  }
+  /// Text of the named child; absent when there is no such child.
+  std::optional<std::string> childText(std::string_view childName) const {
+    const XmlNode* c = child(childName);
+    return c ? std::optional<std::string>(c->text) : std::nullopt;
+  }
+};
+
+class XmlTreeReader : public xml::SaxHandler {
+ public:
+  void startElement(xml::SaxParser&, std::string_view name,
+                    const xml::Attributes& attributes) override {
+    auto node = std::make_unique<XmlNode>();
+    node->name = name;
+    for (const auto& a : attributes.all()) node->attributes.emplace_back(a.name, a.value);
+    XmlNode* raw = node.get();
+    if (stack_.empty()) {
+      root_ = std::move(node);
+    } else {
+      stack_.back()->children.push_back(std::move(node));
+    }
+    stack_.push_back(raw);
+  }
+  void endElement(xml::SaxParser&, std::string_view) override { stack_.pop_back(); }
+  void characters(xml::SaxParser&, std::string_view chunk) override {
+    if (!stack_.empty()) stack_.back()->text += chunk;
+  }
+  std::unique_ptr<XmlNode> take() { return std::move(root_); }
+
+ private:
+  std::unique_ptr<XmlNode> root_;
+  std::vector<XmlNode*> stack_;
+};
+
+/// The document's root element; null (and a test failure) when unreadable.
+inline std::unique_ptr<XmlNode> readXmlTree(const std::string& path) {
+  xml::SaxParser parser;
+  XmlTreeReader reader;
+  EXPECT_TRUE(parser.parseFile(path, reader)) << path;
+  return reader.take();
+}
+
+inline ISODate dateFrom(const std::string& text) {
+  auto date = ISODate::isoDateWithString(text);
+  EXPECT_TRUE(date.has_value()) << text;
+  return date.value_or(ISODate());
+}
+
+/// Appends a point to the track and returns it.
+inline TrackPointPtr appendPoint(Track& track, double latitude, double longitude,
+                                 const std::string& time = {}, double elevation = 0.0) {
+  auto point = TrackPoint::trackPointWithParent(&track);
+  point->setLatitude(latitude);
+  point->setLongitude(longitude);
+  point->setElevation(elevation);
+  if (!time.empty()) point->setTime(dateFrom(time));
+  track.addTrackPoint(point);
+  return point;
+}
+
+inline TrackPointPtr appendWaypoint(Track& track, double latitude, double longitude,
+                                    const std::string& name) {
+  auto point = appendPoint(track, latitude, longitude);
+  point->setIsWayPoint(true);
+  point->setName(name);
+  return point;
+}
+
+}  // namespace kvtrack::testing
