@@ -4,11 +4,14 @@
 #include "kvtrack/formats/geocache/GeocacheNames.h"
 #include "kvtrack/formats/gpx/ExternalTrackPoints.h"
 #include "kvtrack/formats/gpx/GpxNamespaces.h"
+#include "kvtrack/formats/xml/MarkupTree.h"
 #include "kvtrack/support/NumberText.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
+#include <type_traits>
 #include <charconv>
 #include <cmath>
 #include <mutex>
@@ -16,10 +19,16 @@
 
 namespace kvtrack::gpx {
 
+using xml::MarkupElement;
+using xml::MarkupTree;
 using xml::XmlElement;
 using xml::XmlNamespace;
 
 namespace {
+
+// The track points of a segment go into the document as pre-formatted
+// markup; tests switch it off to compare with the element-by-element path.
+std::atomic<bool> preformattedTrackPoints{true};
 
 // decimalText in a stack buffer: a million points make several million
 // numbers, and most coordinates are too long for the small-string buffer.
@@ -60,12 +69,14 @@ class Integer {
 
 std::string_view yesNo(bool value) { return value ? "yes" : "no"; }
 
-void addOptionalChild(XmlElement parent, std::string_view name,
+template <typename Element>
+void addOptionalChild(Element parent, std::string_view name,
                       const std::optional<std::string>& text, XmlNamespace ns = {}) {
   if (text) parent.addChild(name, *text, ns);
 }
 
-void addOptionalAttribute(XmlElement element, std::string_view name,
+template <typename Element>
+void addOptionalAttribute(Element element, std::string_view name,
                           const std::optional<std::string>& value) {
   if (value) element.setAttribute(name, *value);
 }
@@ -87,7 +98,8 @@ char* appendLiteral(char* out, std::string_view text) {
   return std::copy(text.begin(), text.end(), out);
 }
 
-void appendPointDescription(XmlElement element, const TrackPoint& point) {
+template <typename Element>
+void appendPointDescription(Element element, const TrackPoint& point) {
   if (const auto& description = point.description()) {
     element.addChild("desc", *description);
     return;
@@ -107,9 +119,14 @@ void appendPointDescription(XmlElement element, const TrackPoint& point) {
   element.addChild("desc", std::string_view(buffer, static_cast<size_t>(out - buffer)));
 }
 
-void appendPointExtensions(XmlElement element, TrackPoint& point, bool external,
+template <typename Element>
+void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
+                XmlNamespace wayfolio);
+
+template <typename Element>
+void appendPointExtensions(Element element, TrackPoint& point, bool external,
                            GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
-  XmlElement extensions = element.addChild("extensions");
+  Element extensions = element.addChild("extensions");
   if (!external) {
     const GeocachePtr& geocache = point.geocache();
     if (geocache) {
@@ -130,7 +147,7 @@ void appendPointExtensions(XmlElement element, TrackPoint& point, bool external,
   }
   if (configuration.doNotExportPhotos()) return;
   for (const TrackPhotoPtr& photo : point.trackPhotos()) {
-    createGPXForParent(extensions, *photo, configuration, wayfolio);
+    writePhoto(extensions, *photo, configuration, wayfolio);
   }
 }
 
@@ -167,7 +184,141 @@ void appendTrackExtensions(XmlElement element, Track& track,
   }
 }
 
+bool isWritten(const TrackPoint& point, bool waypointsOnly,
+               const GpxExportConfiguration& configuration) {
+  if (waypointsOnly && !point.isWayPoint()) return false;
+  const auto& filter = configuration.filterPredicate();
+  return !filter || filter(point);
+}
+
+bool inRoute(const TrackPoint& point) {
+  return point.track() && point.track()->type() == Track::kPlaceCollection;
+}
+
+// The content of a "wpt", "trkpt" or "rtept" element made by the caller.
+template <typename Element>
+void writePoint(Element element, TrackPoint& point, bool waypointsOnly,
+                GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
+  const bool route = inRoute(point);
+  const bool external = configuration.exportTrackPointsInExternalFile().has_value();
+  if (external && !waypointsOnly) {
+    element.setAttribute("index", Integer(configuration.indexOfTrackPointInExternalFile()));
+  }
+  if (!external) {
+    element.setAttribute("lat", Decimal(point.latitude()));
+    element.setAttribute("lon", Decimal(point.longitude()));
+    element.addChild("ele", Decimal(point.elevation()));
+    if (!route && point.hasTime()) element.addChild("time", point.time()->description());
+    addOptionalChild(element, "name", point.name());
+    addOptionalChild(element, "cmt", point.comment());
+    appendPointDescription(element, point);
+  }
+  if constexpr (std::is_same_v<Element, XmlElement>) {
+    if (waypointsOnly) {
+      addOptionalChild(element, "src", point.source());
+      addOptionalChild(element, "url", point.url());
+      addOptionalChild(element, "urlname", point.urlName());
+      addOptionalChild(element, "sym", point.symbol());
+      addOptionalChild(element, "type", point.type());
+      if (point.geocache()) {
+        if (configuration.exportGeocachingAuExtensions()) {
+          GeocacheGPX::appendPlainBlock(
+              element, point, configuration.exportGeocachingDescriptionAndLogsInExternalFolder());
+        }
+        if (configuration.exportGroundspeakExtensions()) {
+          GeocacheGPX::appendGroundspeakBlock(
+              element, point, configuration.exportGeocachingDescriptionAsPlainText());
+        }
+      }
+    }
+  }
+  if (configuration.exportWayfolioExtensions()) {
+    appendPointExtensions(element, point, external, configuration, wayfolio);
+  }
+}
+
+template <typename Element>
+void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
+                XmlNamespace wayfolio) {
+  if (configuration.exportiPhonePhotosOnly() && !photo.iPhoneFilename()) return;
+  const bool external = configuration.exportTrackPointsInExternalFile().has_value();
+  Element element = parent.addChild("photo", wayfolio);
+  if (const std::string& path = photo.originalFilepath(); !path.empty()) {
+    if (!external) {
+      element.setAttribute("filename", path);
+    } else {
+      addOptionalAttribute(element, "iphonefilename", photo.iPhoneFilename());
+    }
+    // The stored time only: reading the image file here would slow exports down.
+    if (const auto& time = photo.storedTimeOfPhoto()) {
+      element.setAttribute("time", time->descriptionWithTimezone(true));
+    }
+  }
+  photo.updateBookmarkFromPath();
+  if (const auto& bookmark = photo.base64Bookmark();
+      bookmark && !bookmark->empty() && !configuration.doNotExportBookmarks()) {
+    element.addChild("bookmark", *bookmark, wayfolio);
+  }
+  addOptionalAttribute(element, "city", photo.city());
+  addOptionalAttribute(element, "state", photo.state());
+  addOptionalAttribute(element, "country", photo.country());
+  addOptionalAttribute(element, "isoCountryCode", photo.isoCountryCode());
+  addOptionalAttribute(element, "place", photo.place());
+  if (external) return;
+  if (photo.iPhotoIdAppleScript()) {
+    element.setAttribute("iPhotoIdAppleScript", *photo.iPhotoIdAppleScript());
+    element.setAttribute("iPhotoId", Integer(photo.iPhotoId()));
+  }
+  if (photo.iCloudId() && !configuration.doNotExportiCloudInfo()) {
+    element.setAttribute("iCloudId", *photo.iCloudId());
+  }
+}
+
+
+// The points of a track's segments. In the usual case each point is
+// formatted as markup and added to its "trkseg" in one piece.
+void writeSegments(XmlElement track, const std::vector<TrackPointPtr>& points,
+                   GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
+  XmlElement segment = track.addChild("trkseg");
+  const bool preformatted = preformattedTrackPoints.load(std::memory_order_relaxed);
+  const int pointDepth = segment.depth() + 1;
+  MarkupTree markup;
+  std::string text;
+  bool pending = false;  // markup added to the open segment
+  const auto closeMarkup = [&] {
+    if (!pending) return;
+    text.assign("\n");
+    text.append(static_cast<size_t>(2 * (pointDepth - 1)), ' ');
+    segment.addPreformattedMarkup(text);
+    pending = false;
+  };
+  for (size_t i = 0; i < points.size(); ++i) {
+    TrackPoint& point = *points[i];
+    if (isWritten(point, false, configuration)) {
+      if (preformatted) {
+        text.assign("\n");
+        text.append(static_cast<size_t>(2 * pointDepth), ' ');
+        writePoint(markup.reset("trkpt"), point, false, configuration, wayfolio);
+        markup.format(text, pointDepth);
+        segment.addPreformattedMarkup(text);
+        pending = true;
+      } else {
+        writePoint(segment.addChild("trkpt"), point, false, configuration, wayfolio);
+      }
+    }
+    // The end flag of the last point must not leave an empty segment behind.
+    if (point.isEndOfSegment() && i + 1 < points.size()) {
+      closeMarkup();
+      segment = track.addChild("trkseg");
+    }
+  }
+  closeMarkup();
+}
+
 }  // namespace
+
+void setPreformattedTrackPoints(bool enabled) { preformattedTrackPoints = enabled; }
+
 
 XmlNamespace setUpRoot(XmlElement root, bool useGPX10) {
   const std::string_view gpxNamespace = useGPX10 ? kGpx10Namespace : kGpx11Namespace;
@@ -214,92 +365,26 @@ void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
     return;
   }
 
-  XmlElement container = route ? element : element.addChild("trkseg");
-  for (size_t i = 0; i < points.size(); ++i) {
-    createGPXForParent(container, *points[i], false, configuration, wayfolio);
-    // The end flag of the last point must not leave an empty segment behind.
-    if (!route && points[i]->isEndOfSegment() && i + 1 < points.size()) {
-      container = element.addChild("trkseg");
-    }
+  if (!route) {
+    writeSegments(element, points, configuration, wayfolio);
+    return;
+  }
+  for (const TrackPointPtr& point : points) {
+    createGPXForParent(element, *point, false, configuration, wayfolio);
   }
 }
 
+
 void createGPXForParent(XmlElement parent, TrackPoint& point, bool waypointsOnly,
                         GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
-  if (waypointsOnly && !point.isWayPoint()) return;
-  if (const auto& filter = configuration.filterPredicate(); filter && !filter(point)) return;
-
-  const bool route = point.track() && point.track()->type() == Track::kPlaceCollection;
-  const bool external = configuration.exportTrackPointsInExternalFile().has_value();
-  XmlElement element = parent.addChild(waypointsOnly ? "wpt" : (route ? "rtept" : "trkpt"));
-  if (external && !waypointsOnly) {
-    element.setAttribute("index", Integer(configuration.indexOfTrackPointInExternalFile()));
-  }
-  if (!external) {
-    element.setAttribute("lat", Decimal(point.latitude()));
-    element.setAttribute("lon", Decimal(point.longitude()));
-    element.addChild("ele", Decimal(point.elevation()));
-    if (!route && point.hasTime()) element.addChild("time", point.time()->description());
-    addOptionalChild(element, "name", point.name());
-    addOptionalChild(element, "cmt", point.comment());
-    appendPointDescription(element, point);
-  }
-  if (waypointsOnly) {
-    addOptionalChild(element, "src", point.source());
-    addOptionalChild(element, "url", point.url());
-    addOptionalChild(element, "urlname", point.urlName());
-    addOptionalChild(element, "sym", point.symbol());
-    addOptionalChild(element, "type", point.type());
-    if (point.geocache()) {
-      if (configuration.exportGeocachingAuExtensions()) {
-        GeocacheGPX::appendPlainBlock(
-            element, point, configuration.exportGeocachingDescriptionAndLogsInExternalFolder());
-      }
-      if (configuration.exportGroundspeakExtensions()) {
-        GeocacheGPX::appendGroundspeakBlock(element, point,
-                                            configuration.exportGeocachingDescriptionAsPlainText());
-      }
-    }
-  }
-  if (configuration.exportWayfolioExtensions()) {
-    appendPointExtensions(element, point, external, configuration, wayfolio);
-  }
+  if (!isWritten(point, waypointsOnly, configuration)) return;
+  const char* name = waypointsOnly ? "wpt" : (inRoute(point) ? "rtept" : "trkpt");
+  writePoint(parent.addChild(name), point, waypointsOnly, configuration, wayfolio);
 }
 
 void createGPXForParent(XmlElement parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
                         XmlNamespace wayfolio) {
-  if (configuration.exportiPhonePhotosOnly() && !photo.iPhoneFilename()) return;
-  const bool external = configuration.exportTrackPointsInExternalFile().has_value();
-  XmlElement element = parent.addChild("photo", wayfolio);
-  if (const std::string& path = photo.originalFilepath(); !path.empty()) {
-    if (!external) {
-      element.setAttribute("filename", path);
-    } else {
-      addOptionalAttribute(element, "iphonefilename", photo.iPhoneFilename());
-    }
-    // The stored time only: reading the image file here would slow exports down.
-    if (const auto& time = photo.storedTimeOfPhoto()) {
-      element.setAttribute("time", time->descriptionWithTimezone(true));
-    }
-  }
-  photo.updateBookmarkFromPath();
-  if (const auto& bookmark = photo.base64Bookmark();
-      bookmark && !bookmark->empty() && !configuration.doNotExportBookmarks()) {
-    element.addChild("bookmark", *bookmark, wayfolio);
-  }
-  addOptionalAttribute(element, "city", photo.city());
-  addOptionalAttribute(element, "state", photo.state());
-  addOptionalAttribute(element, "country", photo.country());
-  addOptionalAttribute(element, "isoCountryCode", photo.isoCountryCode());
-  addOptionalAttribute(element, "place", photo.place());
-  if (external) return;
-  if (photo.iPhotoIdAppleScript()) {
-    element.setAttribute("iPhotoIdAppleScript", *photo.iPhotoIdAppleScript());
-    element.setAttribute("iPhotoId", Integer(photo.iPhotoId()));
-  }
-  if (photo.iCloudId() && !configuration.doNotExportiCloudInfo()) {
-    element.setAttribute("iCloudId", *photo.iCloudId());
-  }
+  writePhoto(parent, photo, configuration, wayfolio);
 }
 
 }  // namespace kvtrack::gpx

@@ -1,5 +1,6 @@
 #include "kvtrack/formats/xml/XmlTree.h"
 
+#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlsave.h>
 #include <unistd.h>
@@ -46,12 +47,35 @@ void XmlElement::addText(std::string_view text) {
   xmlAddChild(node_, t);
 }
 
+void XmlElement::addPreformattedMarkup(std::string_view markup) {
+  if (markup.empty()) return;
+  xmlNode* t = xmlNewDocTextLen(node_->doc, reinterpret_cast<const xmlChar*>(markup.data()),
+                                static_cast<int>(markup.size()));
+  t->name = xmlStringTextNoenc;  // libxml2's marker for text written without escaping
+  // Linked by hand: xmlAddChild would merge it into a preceding text node,
+  // reallocating an ever longer text for every piece added.
+  t->parent = node_;
+  if (!node_->children) {
+    node_->children = t;
+  } else {
+    node_->last->next = t;
+    t->prev = node_->last;
+  }
+  node_->last = t;
+}
+
 XmlNamespace XmlElement::declareNamespace(std::string_view prefix, std::string_view uri) {
   const std::string u(uri), p(prefix);
   return XmlNamespace(xmlNewNs(node_, chars(u), p.empty() ? nullptr : chars(p)));
 }
 
 void XmlElement::setNamespace(XmlNamespace ns) { xmlSetNs(node_, ns.raw()); }
+
+int XmlElement::depth() const {
+  int depth = 0;
+  for (const xmlNode* n = node_->parent; n && n->type == XML_ELEMENT_NODE; n = n->parent) ++depth;
+  return depth;
+}
 
 XmlDocument::XmlDocument(std::string_view rootName) : doc_(xmlNewDoc(BAD_CAST "1.0")) {
   doc_->dict = xmlDictCreate();

@@ -37,11 +37,18 @@ class XmlElement {
   /// Attributes keep the order in which they are set.
   void setAttribute(std::string_view name, std::string_view value);
   void addText(std::string_view text);
+  /// Adds markup that is written out exactly as given, unescaped. The
+  /// element's children are then no longer indented by the save, so the
+  /// markup must bring its own line breaks and indentation.
+  void addPreformattedMarkup(std::string_view markup);
   /// Declares a namespace on this element: xmlns:prefix="uri" (or the
   /// default namespace for an empty prefix).
   XmlNamespace declareNamespace(std::string_view prefix, std::string_view uri);
   /// Puts this element itself into a namespace declared here or above.
   void setNamespace(XmlNamespace ns);
+
+  /// Number of elements above this one (0 for the root).
+  int depth() const;
 
   xmlNode* raw() const { return node_; }
 
