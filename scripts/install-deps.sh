@@ -9,7 +9,7 @@ packages=(
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libspdlog-dev libcli11-dev libtomlplusplus-dev
-  libicu-dev uuid-dev libxml2-dev libxml2-utils
+  libicu-dev uuid-dev libxml2-dev libxml2-utils libpcre2-dev zlib1g-dev
   time
   gpsbabel
 )

@@ -2,6 +2,7 @@
 
 #include "kvtrack/model/TrackFolder.h"
 #include "kvtrack/model/TrackStore.h"
+#include "kvtrack/support/NotificationCenter.h"
 
 #include <algorithm>
 #include <deque>
@@ -52,6 +53,27 @@ bool Track::loadFromLibrary() {
   return true;
 }
 
+void Track::unload() {
+  Lock lock(*this);
+  if (!isLoaded_) return;
+  NotificationCenter::defaultCenter().postNotification("UnloadingTrack", weak_from_this().lock());
+  saveToLibrary();
+  isLoaded_ = false;
+  trackPoints_.clear();
+}
+
+bool Track::saveToLibrary() {
+  Lock lock(*this);
+  auto store = TrackStore::shared();
+  return store ? store->saveTrack(*this) : true;
+}
+
+bool Track::saveToLibraryWithExternalGPX() {
+  Lock lock(*this);
+  auto store = TrackStore::shared();
+  return store ? store->saveTrackWithExternalGPX(*this) : true;
+}
+
 std::vector<TrackPointPtr>& Track::trackPoints() {
   Lock lock(*this);
   loadFromLibrary();
@@ -61,6 +83,11 @@ std::vector<TrackPointPtr>& Track::trackPoints() {
 size_t Track::loadedPointCount() const {
   Lock lock(*this);
   return trackPoints_.size();
+}
+
+int32_t Track::pointCount() const {
+  Lock lock(*this);
+  return isLoaded_ ? static_cast<int32_t>(trackPoints_.size()) : storedPointCount_;
 }
 
 void Track::addTrackPoint(TrackPointPtr point) {

@@ -67,6 +67,10 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   void setTrackPoints(std::vector<TrackPointPtr> points) { trackPoints_ = std::move(points); }
   /// Number of points in memory, without loading.
   size_t loadedPointCount() const;
+  /// Number of points without loading: those in memory once loaded, else
+  /// the number the library index recorded.
+  int32_t pointCount() const;
+  void setStoredPointCount(int32_t count) { storedPointCount_ = count; }
 
   void addTrackPoint(TrackPointPtr point);
   /// Inserts behind the reference point (by identity); nothing when the
@@ -237,6 +241,12 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   // --- storage -------------------------------------------------------------------
   /// Reads the points from the library on first use; always true.
   bool loadFromLibrary();
+  /// Saves and drops the points; the metadata stay. Posts "UnloadingTrack" first.
+  void unload();
+  /// Writes the track file when the track is dirty and loaded.
+  bool saveToLibrary();
+  /// The same for the library's own collections (descriptions kept apart).
+  bool saveToLibraryWithExternalGPX();
 
  private:
   mutable std::recursive_mutex mutex_;
@@ -251,6 +261,7 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   double minElevation_ = 0.0, maxElevation_ = 0.0, minSpeed_ = 0.0, maxSpeed_ = 0.0;
   double length_ = 0.0, ascending_ = 0.0, descending_ = 0.0;
   int32_t photoCount_ = 0, waypointCount_ = 0, geocacheCount_ = 0;
+  int32_t storedPointCount_ = 0;
   Color color_;
   bool showArea_ = false;
   bool showDirectionArrows_ = true;

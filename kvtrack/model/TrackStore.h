@@ -19,6 +19,11 @@ class TrackStore {
   virtual void loadTrack(Track& track) = 0;
   /// A fresh file name for a track.
   virtual std::string generateFilename(Track& track) = 0;
+  /// Writes a dirty loaded track to its file; true when nothing failed.
+  virtual bool saveTrack(Track&) { return true; }
+  /// Writes one of the library's collections with its descriptions kept
+  /// in a folder beside the file.
+  virtual bool saveTrackWithExternalGPX(Track&) { return true; }
 
   /// The store of the running library, or null when there is none.
   static std::shared_ptr<TrackStore> shared();

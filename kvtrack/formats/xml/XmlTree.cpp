@@ -88,7 +88,13 @@ XmlDocument::~XmlDocument() { xmlFreeDoc(doc_); }
 
 XmlElement XmlDocument::root() const { return XmlElement(xmlDocGetRootElement(doc_)); }
 
+namespace {
+// libxml2 prints I/O errors itself; callers report failures in their own words.
+void ignoreGenericError(void*, const char*, ...) {}
+}  // namespace
+
 bool XmlDocument::save(const std::string& path, const std::string& encoding, bool atomic) const {
+  xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
   if (!atomic) return xmlSaveFormatFileEnc(path.c_str(), doc_, encoding.c_str(), 1) >= 0;
   const std::filesystem::path target(path);
   std::string temporary =

@@ -1,9 +1,17 @@
-#include "kvtrack/formats/gpx/TrackLibraryGPX.h"
+#include "kvtrack/library/TrackLibraryGPX.h"
+
+#include "kvtrack/library/TrackLibrary.h"
 
 #include "kvtrack/formats/gpx/GpxWriter.h"
 #include "kvtrack/formats/xml/XmlTree.h"
 
 namespace kvtrack {
+
+TrackLibraryGPX::TrackLibraryGPX()
+    : allTracks_([] {
+        const auto library = TrackLibrary::current();
+        return library ? library->allTracks() : std::vector<TrackPtr>{};
+      }) {}
 
 bool TrackLibraryGPX::exportTo(const std::string& path, bool selectedOnly,
                                const TrackPtr& trackOnly, GpxExportConfiguration& configuration) {

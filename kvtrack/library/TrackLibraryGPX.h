@@ -1,8 +1,11 @@
 #pragma once
-// Exports the library, its selected tracks or one of its tracks as one GPX
-// 1.1 file: all waypoints first, then the tracks and routes.
+// GPX files and the library: importing a file as new tracks of a folder
+// (refusing duplicates, filing points of interest and geocaches into the
+// library's collections), and exporting the library, its selected tracks or
+// one of its tracks as one GPX 1.1 file.
 
 #include "kvtrack/formats/gpx/GpxExportConfiguration.h"
+#include "kvtrack/library/GpxImportConfiguration.h"
 #include "kvtrack/model/Track.h"
 
 #include <functional>
@@ -13,9 +16,26 @@ namespace kvtrack {
 
 class TrackLibraryGPX {
  public:
-  /// allTracks: the library's tracks in export order, asked for at each export.
+  /// Exports take the library's tracks.
+  TrackLibraryGPX();
+  /// allTracks: the tracks to export, in order, asked for at each export.
   explicit TrackLibraryGPX(std::function<std::vector<TrackPtr>()> allTracks)
       : allTracks_(std::move(allTracks)) {}
+
+  /// Reads the file into the configuration's target folder (the library's
+  /// root when none). Returns the number of tracks the file added; the
+  /// configuration collects the tracks, refused duplicates and filed points.
+  int32_t importFrom(const std::string& path, GpxImportConfiguration& configuration);
+  /// Whether the last import read its file completely.
+  bool lastImportSucceeded() const { return lastImportSucceeded_; }
+  const std::string& importFilename() const { return importFilename_; }
+
+  /// The next library import is of tracks from a device: its created tracks
+  /// are marked newly imported and tiny ones are dropped.
+  static void setNextImportIsExternal();
+  /// Geocaches filed into the library's collection since the last reset.
+  static int32_t geocacheCount();
+  static void resetGeocacheCount();
 
   /// With trackOnly, that track alone (waypoints and track, whatever
   /// exportWaypointsOnly says); otherwise every track, or the selected ones.
@@ -40,6 +60,8 @@ class TrackLibraryGPX {
 
  private:
   std::function<std::vector<TrackPtr>()> allTracks_;
+  std::string importFilename_;
+  bool lastImportSucceeded_ = false;
 };
 
 }  // namespace kvtrack

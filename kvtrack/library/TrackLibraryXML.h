@@ -1,0 +1,41 @@
+#pragma once
+// The library index "library.wayfolio": the folder tree with every track's
+// metadata (names, file names, times, counts, length, identifiers), so the
+// library opens without reading any track file.
+
+#include "kvtrack/library/TrackLibraryFolder.h"
+
+#include <string>
+#include <vector>
+
+namespace kvtrack {
+
+class TrackLibrary;
+
+class TrackLibraryXML {
+ public:
+  /// True for the library's own index: folders kept out of it are left out
+  /// when writing, and the stored track counter is applied when reading.
+  bool isStandardLibrary() const { return isStandardLibrary_; }
+  void setIsStandardLibrary(bool value) { isStandardLibrary_ = value; }
+
+  /// Reads the index into the folder (tracks stay unloaded). False when the
+  /// file is missing or broken; what was read before an error stays.
+  bool importFrom(const std::string& path, const TrackLibraryFolderPtr& folder);
+  /// Writes the folder's tree; false (logged) on failure, the old file kept.
+  bool exportTo(const std::string& path, const TrackLibraryFolderPtr& folder);
+  /// The same with the library as the folder.
+  bool importFrom(const std::string& path);
+  bool exportTo(const std::string& path);
+
+ private:
+  bool isStandardLibrary_ = true;
+};
+
+/// Percent-escaping of index texts through the Mac OS Roman encoding: every
+/// character not allowed in a URL becomes "%XX" per byte of that encoding.
+std::string escapeForIndex(std::string_view text);
+/// The reverse; characters Mac OS Roman cannot hold do not come back.
+std::string unescapeFromIndex(std::string_view text);
+
+}  // namespace kvtrack

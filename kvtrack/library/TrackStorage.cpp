@@ -1,0 +1,170 @@
+#include "kvtrack/library/TrackStorage.h"
+
+#include "kvtrack/formats/gpx/TrackGPX.h"
+#include "kvtrack/library/ICloudSynchronizer.h"
+#include "kvtrack/library/TrackLibrary.h"
+#include "kvtrack/support/KvPreferences.h"
+#include "kvtrack/support/Log.h"
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <fcntl.h>
+#include <pcre2.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace kvtrack {
+
+namespace {
+
+// A shared pointer for code that wants one, without taking ownership.
+std::shared_ptr<Track> borrowed(Track& track) {
+  if (auto owned = track.weak_from_this().lock()) return owned;
+  return std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
+}
+
+std::shared_ptr<ICloudSynchronizer> activeSynchronizer() {
+  auto& preferences = KvPreferences::singleton();
+  if (!preferences.iCloudSupported().value_or(false)) return nullptr;
+  return preferences.iCloudSynchronizer();
+}
+
+bool syncToStorage(const std::string& path, int flags) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = ::fsync(fd) == 0;
+  ::close(fd);
+  return ok;
+}
+
+}  // namespace
+
+bool writeLibraryFileAtomically(const std::string& path,
+                                const std::function<bool(const std::string&)>& write) {
+  // Design decision: library files are replaced only by complete files, so a
+  // crash or a full disk during a save never leaves a half-written one.
+  const std::filesystem::path target(path);
+  std::string temporary =
+      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+  const int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    logf("Error writing file: {} ({})", path, std::strerror(errno));
+    return false;
+  }
+  ::fchmod(fd, 0644);
+  ::close(fd);
+  if (!write(temporary) || !syncToStorage(temporary, O_RDONLY)) {
+    std::filesystem::remove(temporary);
+    logf("Error writing file: {} (the previous file is kept)", path);
+    return false;
+  }
+  std::error_code error;
+  std::filesystem::rename(temporary, target, error);
+  if (error) {
+    std::filesystem::remove(temporary);
+    logf("Error writing file: {} ({})", path, error.message());
+    return false;
+  }
+  syncToStorage(target.parent_path().string(), O_RDONLY | O_DIRECTORY);
+  return true;
+}
+
+void LibraryTrackStore::loadTrack(Track& track) {
+  const std::string path = library_.folder() + "/" + track.filename().value_or("");
+  if (track.filename() && std::filesystem::exists(path)) {
+    TrackGPX(borrowed(track)).importFrom(path);
+  }
+  track.setIsDirty(false);
+  track.setIsLoaded(true);
+  track.setMetadataDirty(false);
+  track.updateAll();
+}
+
+std::string LibraryTrackStore::generateFilename(Track& track) {
+  return library_.generateFilename(track);
+}
+
+bool LibraryTrackStore::saveTrack(Track& track) {
+  std::lock_guard<Track> lock(track);
+  auto synchronizer = activeSynchronizer();
+  if (track.isDirty() && track.isLoaded()) {
+    track.updateLength();
+    track.updateSpeeds();
+    const std::string path = library_.folder() + "/" + track.filename().value_or("");
+    GpxExportConfiguration configuration;
+    const bool written = writeLibraryFileAtomically(path, [&](const std::string& temporary) {
+      return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
+    });
+    if (!written) return false;  // stays dirty: the next save tries again
+    if (synchronizer && track.iCloudId()) synchronizer->writeTrackToiCloud(track);
+    track.setIsDirty(false);
+    track.setMetadataDirty(false);
+    return true;
+  }
+  if (synchronizer && track.metadataDirty() && track.iCloudId()) {
+    synchronizer->writeTrackToiCloud(track);
+  }
+  track.setMetadataDirty(false);
+  return true;
+}
+
+bool LibraryTrackStore::saveTrackWithExternalGPX(Track& track) {
+  std::lock_guard<Track> lock(track);
+  if (!track.isDirty() || !track.isLoaded()) return true;
+  const std::string file = library_.folder() + "/" + track.filename().value_or("");
+  const std::string folder = file + "_ext";
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  ::chmod(folder.c_str(), 0775);
+  GpxExportConfiguration configuration;
+  configuration.setExportGeocachingDescriptionAndLogsInExternalFolder(folder);
+  configuration.setExportWaypointsOnly(true);
+  const bool written = writeLibraryFileAtomically(file, [&](const std::string& temporary) {
+    return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
+  });
+  if (written) track.setIsDirty(false);
+  return written;
+}
+
+bool exportExternalGpx(Track& track, const std::string& path, bool /*withPhotos*/,
+                       const std::vector<std::string>& /*additionalFiles*/) {
+  track.saveToLibrary();
+  std::error_code error;
+  std::filesystem::remove(path, error);
+  const auto library = TrackLibrary::current();
+  std::string text;
+  if (library && track.filename()) {
+    std::ifstream in(library->folder() + "/" + *track.filename(), std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  // The attribute that ties the file to the owner's synchronised copy.
+  int errorCode = 0;
+  PCRE2_SIZE errorOffset = 0;
+  pcre2_code* pattern = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(R"(iCloudId="[-_A-Z0-9]*")"),
+                                      PCRE2_ZERO_TERMINATED, 0, &errorCode, &errorOffset, nullptr);
+  std::ostringstream out;
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (pattern) {
+      PCRE2_SIZE length = line.size() + 64;
+      std::string replaced(length, '\0');
+      const int rc = pcre2_substitute(
+          pattern, reinterpret_cast<PCRE2_SPTR>(line.data()), line.size(), 0,
+          PCRE2_SUBSTITUTE_GLOBAL, nullptr, nullptr, reinterpret_cast<PCRE2_SPTR>(""), 0,
+          reinterpret_cast<PCRE2_UCHAR*>(replaced.data()), &length);
+      if (rc >= 0) line = replaced.substr(0, length);
+    }
+    out << line << "\n";
+  }
+  if (pattern) pcre2_code_free(pattern);
+  std::ofstream(path, std::ios::binary) << out.str();
+  return true;
+}
+
+}  // namespace kvtrack

@@ -1,0 +1,156 @@
+#include "LibraryTestSupport.h"
+
+#include "kvtrack/formats/gpx/TrackGPX.h"
+#include "kvtrack/library/GpxImportConfiguration.h"
+#include "kvtrack/library/TrackLibraryGPX.h"
+#include "kvtrack/support/ExternalProgram.h"
+#include "kvtrack/support/KvPreferences.h"
+#include "kvtrack/support/Log.h"
+#include "kvtrack/support/UserDefaults.h"
+
+namespace kvtrack {
+namespace {
+
+using LibraryImport = testing::LibraryTest;
+
+const char* kTrackFile = R"(<?xml version="1.0"?>
+<gpx xmlns="http://www.topografix.com/GPX/1/1" version="1.1" creator="test">
+  <wpt lat="47.0005" lon="8.0005"><name>Bridge</name></wpt>
+  <trk><name>Morning</name><trkseg>
+    <trkpt lat="47.0" lon="8.0"><time>2012-05-01T10:00:00Z</time></trkpt>
+    <trkpt lat="47.0005" lon="8.0005"><time>2012-05-01T10:01:00Z</time></trkpt>
+    <trkpt lat="47.001" lon="8.001"><time>2012-05-01T10:02:00Z</time></trkpt>
+  </trkseg></trk>
+  <trk><name>Evening</name><trkseg>
+    <trkpt lat="46.0" lon="7.0"><time>2012-05-01T18:00:00+02:00</time></trkpt>
+    <trkpt lat="46.001" lon="7.001"><time>2012-05-01T18:05:00+02:00</time></trkpt>
+  </trkseg><extensions><wayfolio:timezone xmlns:wayfolio="urn:w" offset="120"/></extensions></trk>
+</gpx>)";
+
+TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
+  const std::string file = folder.write("two.gpx", kTrackFile);
+  auto target = TrackLibraryFolder::trackLibraryFolder("imports");
+  library->addFolder(target);
+  library->setTrackCounter(5);
+  GpxImportConfiguration configuration;
+  configuration.setTrackIdPrefix("wayfolio");
+  ASSERT_TRUE(target->importGPX(file, configuration));
+  const auto tracks = target->tracks();
+  ASSERT_EQ(tracks.size(), 2u);
+  EXPECT_EQ(tracks[0]->name(), "Morning");
+  EXPECT_EQ(tracks[0]->filename(), "Track00000005.gpx");
+  EXPECT_EQ(tracks[0]->trackId(), "wayfolio:2012:05:01 10:00:00+00:00-2012:05:01 10:02:00+00:00");
+  EXPECT_TRUE(tracks[0]->trackPoints()[1]->isWayPoint());
+  EXPECT_EQ(tracks[0]->trackPoints()[1]->name(), "Bridge");
+  EXPECT_GT(tracks[0]->length(), 0.1);
+  EXPECT_EQ(configuration.importedTracks().size(), 2u);
+
+  LogCapture log;
+  ASSERT_TRUE(target->importGPX(file, configuration));
+  EXPECT_EQ(target->tracks().size(), 2u);
+  EXPECT_EQ(configuration.identicalTrackCounter(), 2);
+  EXPECT_TRUE(log.contains("already exists and will not be imported!"));
+
+  UserDefaults::singleton().setBoolForKey("IgnoreTrackIdDuringImport", true);
+  target->importGPX(file, configuration);
+  UserDefaults::singleton().removeObjectForKey("IgnoreTrackIdDuringImport");
+  EXPECT_EQ(target->tracks().size(), 4u);
+}
+
+TEST_F(LibraryImport, UserTimeZoneOnlyForFilesWithoutOne) {
+  const std::string file = folder.write("two.gpx", kTrackFile);
+  KvPreferences::singleton().setTimeZoneInMinutes(-300);
+  GpxImportConfiguration configuration;
+  library->importGPX(file, configuration);
+  KvPreferences::singleton().setTimeZoneInMinutes(std::nullopt);
+  const auto tracks = library->tracks();
+  ASSERT_EQ(tracks.size(), 2u);
+  EXPECT_EQ(tracks[0]->timezoneOffset(), -300);
+  EXPECT_EQ(tracks[1]->timezoneOffset(), 120);  // the file's own zone wins
+}
+
+TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
+  const std::string pois = folder.write("pois.gpx", R"(<?xml version="1.0"?><gpx>
+    <wpt lat="46.5" lon="7.5"><name>Hut</name><cmt>beds</cmt></wpt>
+    <wpt lat="46.6" lon="7.6"><name>Lake</name></wpt></gpx>)");
+  GpxImportConfiguration configuration;
+  ASSERT_TRUE(library->importGPX(pois, configuration));
+  EXPECT_TRUE(library->tracks().empty());
+  ASSERT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
+  EXPECT_EQ(library->waypointTrack()->trackPoints()[0]->comment(), "beds");
+  EXPECT_EQ(configuration.importedPOIs().size(), 2u);
+  // The same names again replace the points instead of doubling them.
+  library->importGPX(pois, configuration);
+  EXPECT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
+
+  const std::string caches = folder.write("caches.gpx", R"(<?xml version="1.0"?><gpx>
+    <wpt lat="47.1" lon="8.1"><name>GC1AAAA</name><desc>Lake view</desc>
+      <url>https://www.geocaching.com/geocache/GC1AAAA</url></wpt>
+    <wpt lat="47.2" lon="8.2"><name>GC1BBBB</name>
+      <url>https://www.geocaching.com/geocache/GC1BBBB</url></wpt></gpx>)");
+  TrackLibraryGPX::resetGeocacheCount();
+  library->importGPX(caches, configuration);
+  EXPECT_TRUE(library->tracks().empty());
+  EXPECT_EQ(TrackLibraryGPX::geocacheCount(), 2);
+  const auto& collection = library->geocacheTrack()->trackPoints();
+  ASSERT_EQ(collection.size(), 2u);
+  ASSERT_TRUE(collection[0]->geocache());
+  EXPECT_EQ(collection[0]->geocache()->name, "Lake view");
+  EXPECT_EQ(collection[0]->geocache()->status, 1);
+  EXPECT_EQ(collection[0]->geocache()->container, 6);
+  EXPECT_TRUE(std::filesystem::exists(folder.file("all_geocaches.gpxx")));
+}
+
+TEST_F(LibraryImport, DeviceImportsDropTinyTracks) {
+  const std::string file = folder.write("device.gpx", R"(<?xml version="1.0"?><gpx>
+    <trk><trkseg><trkpt lat="1" lon="1"/></trkseg></trk>
+    <trk><trkseg><trkpt lat="1" lon="1"/><trkpt lat="2" lon="2"/></trkseg></trk></gpx>)");
+  GpxImportConfiguration configuration;
+  TrackLibraryGPX::setNextImportIsExternal();
+  TrackLibraryGPX importer;
+  EXPECT_EQ(importer.importFrom(file, configuration), 1);
+  ASSERT_EQ(library->tracks().size(), 1u);
+  EXPECT_TRUE(library->tracks()[0]->newlyImported());
+  importer.importFrom(file, configuration);  // the flag holds for one import only
+  EXPECT_EQ(library->tracks().size(), 3u);
+}
+
+TEST_F(LibraryImport, BrokenFilesKeepWhatWasRead) {
+  const std::string file = folder.write("cut.gpx", std::string(kTrackFile).substr(0, 500));
+  GpxImportConfiguration configuration;
+  LogCapture log;
+  EXPECT_FALSE(library->importGPX(file, configuration));
+  EXPECT_TRUE(log.contains("TrackLibraryGPX: Error parsing file!"));
+  ASSERT_GE(library->tracks().size(), 1u);
+  EXPECT_EQ(library->tracks()[0]->name(), "Morning");
+  EXPECT_EQ(library->tracks()[0]->trackPoints().size(), 3u);
+  EXPECT_FALSE(library->importGPX(folder.file("missing.gpx"), configuration));
+}
+
+TEST_F(LibraryImport, ForeignFormatsGoThroughGpsbabel) {
+  const std::string source = folder.write("source.gpx", kTrackFile);
+  const auto produce = [&](const std::string& format, const std::string& name) {
+    const std::string out = folder.file(name);
+    EXPECT_EQ(runShellCommand("gpsbabel -t -w -i gpx -f " + FileHandling::filenameForShell(source) +
+                              " -o " + format + " -F " + FileHandling::filenameForShell(out)),
+              0);
+    return out;
+  };
+  GpxImportConfiguration configuration;
+  ASSERT_TRUE(library->importGPX(produce("kml", "tracks.KML"), configuration));
+  EXPECT_GE(library->tracks().size(), 1u);
+  const size_t afterKml = library->tracks().size();
+
+  ASSERT_TRUE(library->importGPX(produce("garmin_gpi", "route.GPI"), configuration));
+  ASSERT_TRUE(library->importGPX(produce("tomtom", "places.ov2"), configuration));
+  ASSERT_TRUE(library->importGPX(produce("geo", "caches.loc"), configuration));
+  // Waypoint files become points of interest, not tracks.
+  EXPECT_EQ(library->tracks().size(), afterKml);
+  EXPECT_FALSE(library->waypointTrack()->trackPoints().empty());
+  EXPECT_TRUE(std::filesystem::exists(folder.file("convert.gpx")));
+  library->cleanup();  // intermediate files go with the next clean-up
+  EXPECT_FALSE(std::filesystem::exists(folder.file("convert.gpx")));
+}
+
+}  // namespace
+}  // namespace kvtrack

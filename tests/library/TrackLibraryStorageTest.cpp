@@ -1,0 +1,209 @@
+#include "LibraryTestSupport.h"
+
+#include "kvtrack/library/TrackStorage.h"
+#include "kvtrack/support/Log.h"
+#include "kvtrack/support/NotificationCenter.h"
+
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+namespace kvtrack {
+namespace {
+
+namespace fs = std::filesystem;
+using LibraryStorage = testing::LibraryTest;
+using testing::ScratchFolder;
+
+TEST_F(LibraryStorage, SavedTracksReopenUnloadedAndLoadOnFirstUse) {
+  library->setTrackCounter(17);
+  auto folder = TrackLibraryFolder::trackLibraryFolder("2012");
+  library->addFolder(folder);
+  auto track = walk("Alps", 20);
+  track->setDescription("Quote \" and umlaut ü");
+  folder->addTrack(track);
+  EXPECT_EQ(track->filename(), "Track00000017.gpx");
+  EXPECT_EQ(library->trackCounter(), 18);
+  const double length = track->length();
+  reopen();
+
+  ASSERT_EQ(library->folders().size(), 1u);
+  const auto reopened = library->folders()[0]->tracks().at(0);
+  EXPECT_FALSE(reopened->isLoaded());
+  EXPECT_EQ(reopened->pointCount(), 20);  // from the index, without loading
+  EXPECT_EQ(reopened->name(), "Alps");
+  EXPECT_EQ(reopened->description(), "Quote \" and umlaut ü");
+  EXPECT_NEAR(reopened->length(), length, 1e-3);
+  EXPECT_EQ(reopened->startTime()->description(), "2012-05-01T10:00:00+02:00");
+  EXPECT_EQ(library->trackCounter(), 18);
+  EXPECT_FALSE(library->atLeastOneTrackDirty());
+
+  EXPECT_EQ(reopened->trackPoints().size(), 20u);  // read from its file now
+  EXPECT_TRUE(reopened->isLoaded());
+  EXPECT_FALSE(reopened->isDirty());
+  EXPECT_EQ(reopened->trackPoints()[5]->time()->timezoneOffset(), 120);
+}
+
+TEST_F(LibraryStorage, UnloadSavesAndDropsThePoints) {
+  auto track = walk("T", 5);
+  library->addTrack(track);
+  int unloading = 0;
+  auto token = NotificationCenter::defaultCenter().addObserver(
+      "UnloadingTrack", [&](const Notification&) { ++unloading; });
+  track->unload();
+  EXPECT_EQ(unloading, 1);
+  EXPECT_FALSE(track->isLoaded());
+  EXPECT_EQ(track->loadedPointCount(), 0u);
+  EXPECT_EQ(track->name(), "T");
+  EXPECT_TRUE(fs::exists(folder.file(*track->filename())));
+  EXPECT_EQ(track->trackPoints().size(), 5u);  // back from the file
+  track->unload();
+  track->unload();  // not loaded: nothing
+  EXPECT_EQ(unloading, 2);
+}
+
+TEST_F(LibraryStorage, CleanupRemovesOnlyFilesNoTrackNames) {
+  auto track = walk("kept", 2);
+  library->addTrack(track);
+  ASSERT_TRUE(library->syncToDisk());
+  folder.write("Track00000003.GPX", "<gpx/>");
+  folder.write("Track00000003.GPX_tp", "x");
+  folder.write("kml.gpx", "<gpx/>");
+  folder.write("all_geocaches.gpxx", "<gpx/>");
+  folder.write(".library.wayfolio.Ab12Cd", "stale temporary file of a crashed save");
+  library->cleanup();
+  EXPECT_FALSE(fs::exists(folder.file("Track00000003.GPX")));
+  EXPECT_FALSE(fs::exists(folder.file("Track00000003.GPX_tp")));
+  EXPECT_FALSE(fs::exists(folder.file("kml.gpx")));
+  EXPECT_FALSE(fs::exists(folder.file(".library.wayfolio.Ab12Cd")));
+  EXPECT_TRUE(fs::exists(folder.file("all_geocaches.gpxx")));
+  EXPECT_TRUE(fs::exists(folder.file(*track->filename())));
+}
+
+TEST_F(LibraryStorage, PathsAndSearches) {
+  for (const char* name : {"a", "b", "c"}) library->addFolder(TrackLibraryFolder::trackLibraryFolder(name));
+  auto first = library->folders()[0];
+  first->addFolder(TrackLibraryFolder::trackLibraryFolder("a1"));
+  for (int i = 0; i < 3; ++i) library->addTrack(walk("root" + std::to_string(i), 3));
+  EXPECT_EQ(library->trackLibraryFolderWithPath("0"), library);
+  EXPECT_EQ(library->trackLibraryFolderWithPath(""), library);
+  EXPECT_EQ(library->trackLibraryFolderWithPath("0."), first);
+  EXPECT_EQ(library->trackLibraryFolderWithPath("0.0."), first->folders()[0]);
+  EXPECT_EQ(library->trackLibraryFolderWithPath("7."), nullptr);
+  EXPECT_EQ(library->trackWithPath("7.2"), library->tracks()[2]);  // invalid steps are skipped
+  EXPECT_EQ(library->trackWithPath("3"), nullptr);
+  EXPECT_EQ(library->trackLibraryFolderWithPath(first->folders()[0]->path()), first->folders()[0]);
+
+  // The tracks run 10:00 to 10:02 wall-clock time in their +02:00 zone; both ends count.
+  const auto local = [](const char* text) { return ISODate::isoDateWithString(text).value(); };
+  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:01:00")), library->tracks()[0]);
+  EXPECT_NE(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:02:00")), nullptr);
+  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:02:01")), nullptr);
+  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T08:01:00")), nullptr);
+
+  library->tracks()[1]->setIsSelected(true);
+  const auto nearest = library->findNearestPointForLatitude(47.0011, 8.0, false);
+  EXPECT_EQ(nearest.track, library->tracks()[1].get());  // only selected tracks, always
+  EXPECT_EQ(nearest.index, 1);
+}
+
+TEST_F(LibraryStorage, ExternalCopyDropsTheSynchronisationIds) {
+  auto track = walk("T", 2);
+  library->addTrack(track);
+  auto photo = TrackPhoto::trackPhotoWithFilepath("/p.jpg");
+  photo->setICloudId("ABC-123_X");
+  track->trackPoints()[0]->addTrackPhoto(photo);
+  track->makeDirty();
+  const std::string copy = folder.file("copy.gpx");
+  ASSERT_TRUE(exportExternalGpx(*track, copy, true, {}));
+  const std::string original = ScratchFolder::read(folder.file(*track->filename()));
+  const std::string stripped = ScratchFolder::read(copy);
+  EXPECT_NE(original.find("iCloudId=\"ABC-123_X\""), std::string::npos);
+  EXPECT_EQ(stripped.find("iCloudId"), std::string::npos);
+  EXPECT_NE(stripped.find("filename=\"/p.jpg\""), std::string::npos);
+}
+
+// Saving into a file system that fills up: the failed save keeps the
+// previous files, says so, and the library reopens with what was saved.
+TEST(LibraryFailures, FullFileSystemKeepsThePreviousSave) {
+  ScratchFolder scratch;
+  const std::string mountPoint = scratch.file("small");
+  fs::create_directories(mountPoint);
+  if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=512k") != 0) {
+    GTEST_SKIP() << "cannot mount a small file system here (needs root)";
+  }
+  {
+    FileHandling fileHandling;
+    fileHandling.setUserApplicationSupport(mountPoint);
+    auto library = TrackLibrary::trackLibraryWithFileHandling(fileHandling);
+    library->addTrack(testing::LibraryTest::walk("small", 50));
+    ASSERT_TRUE(library->syncToDisk());
+    LogCapture log;
+    library->addTrack(testing::LibraryTest::walk("huge", 20000));
+    EXPECT_FALSE(library->syncToDisk());
+    EXPECT_TRUE(log.contains("Error writing file: "));
+    library->deleteTrack(library->tracks()[1]);  // nothing of it may stay
+    library.reset();
+    TrackLibrary::releaseSingleton();
+
+    auto reopened = TrackLibrary::trackLibraryWithFileHandling(fileHandling);
+    reopened->syncFromDisk();
+    ASSERT_EQ(reopened->tracks().size(), 1u);
+    EXPECT_EQ(reopened->tracks()[0]->trackPoints().size(), 50u);
+    reopened.reset();
+    TrackLibrary::releaseSingleton();
+  }
+  ::umount(mountPoint.c_str());
+}
+
+// A process killed at any moment of a save leaves a library that opens
+// with every track of the last completed save.
+TEST(LibraryFailures, KilledSavesLeaveAConsistentLibrary) {
+  ScratchFolder scratch;
+  std::mt19937 random(11);
+  size_t savedTracks = 0;
+  for (int round = 0; round < 12; ++round) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      setLogToStandardError(false);
+      FileHandling fileHandling;
+      fileHandling.setUserApplicationSupport(scratch.path().string());
+      auto library = TrackLibrary::trackLibraryWithFileHandling(fileHandling);
+      library->syncFromDisk();
+      for (int i = 0;; ++i) {  // saves until killed
+        library->addTrack(testing::LibraryTest::walk("t", 2000));
+        library->syncToDisk();
+      }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 150));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+
+    FileHandling fileHandling;
+    fileHandling.setUserApplicationSupport(scratch.path().string());
+    auto library = TrackLibrary::trackLibraryWithFileHandling(fileHandling);
+    LogCapture log;
+    library->syncFromDisk();
+    EXPECT_FALSE(log.contains("Error")) << ::testing::PrintToString(log.lines());
+    const auto tracks = library->allTracks();
+    EXPECT_GE(tracks.size(), savedTracks);  // no completed save is lost
+    for (const auto& track : tracks) {
+      ASSERT_EQ(track->trackPoints().size(), 2000u) << *track->filename();
+    }
+    savedTracks = tracks.size();
+    library.reset();
+    TrackLibrary::releaseSingleton();
+  }
+  EXPECT_GT(savedTracks, 0u);
+}
+
+}  // namespace
+}  // namespace kvtrack
