@@ -5,6 +5,7 @@
 #include "kvtrack/library/TrackLibraryGPX.h"
 
 #include <algorithm>
+#include <filesystem>
 
 namespace kvtrack {
 
@@ -16,9 +17,14 @@ bool endsWithIgnoringCase(const std::string& text, std::string_view ending) {
                     [](char e, char t) { return std::tolower(static_cast<unsigned char>(t)) == e; });
 }
 
+// The intermediate file goes before each conversion, so a conversion that
+// fails reads as a missing file instead of the previous file's data.
 std::string intermediateFile(const char* name) {
   const auto library = TrackLibrary::singleton();
-  return library->folder() + "/" + name;
+  const std::string path = library->folder() + "/" + name;
+  std::error_code ignored;
+  std::filesystem::remove(path, ignored);
+  return path;
 }
 
 // Reads an intermediate file with a fresh configuration; what it collected

@@ -189,6 +189,7 @@ int32_t TrackLibraryGPX::importFrom(const std::string& path, GpxImportConfigurat
   }
   for (const auto& duplicate : duplicates) removeTrack(duplicate, created);
 
+  const bool fileHadTracks = trackCounter > 0;
   if (!configuration.removeAllWaypoints() && !created.empty()) {
     size_t matches = 0;
     for (const auto& wayPoint : root.wayPoints) {
@@ -210,7 +211,10 @@ int32_t TrackLibraryGPX::importFrom(const std::string& path, GpxImportConfigurat
       fileAsPointsOfInterest(*track, *library, configuration);
       removeTrack(track, created);
     }
-  } else if (!configuration.removeAllWaypoints() && !root.wayPoints.empty()) {
+    for (const auto& track : created) track->updateProperties();  // counts after matching
+  } else if (!configuration.removeAllWaypoints() && !fileHadTracks && !root.wayPoints.empty()) {
+    // Only a file of waypoints alone: when its tracks were all refused as
+    // duplicates, its waypoints are not filed as places either.
     auto track = Track::track();
     if (const auto& name = root.wayPoints.front()->name()) track->setName(*name);
     track->setIsLoaded(true);

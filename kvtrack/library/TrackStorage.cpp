@@ -93,6 +93,7 @@ bool LibraryTrackStore::saveTrack(Track& track) {
   std::lock_guard<Track> lock(track);
   auto synchronizer = activeSynchronizer();
   if (track.isDirty() && track.isLoaded()) {
+    track.updateProperties();  // the counts the index shows follow every edit
     track.updateLength();
     track.updateSpeeds();
     const std::string path = library_.folder() + "/" + track.filename().value_or("");

@@ -2,34 +2,16 @@
 
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
+#include "tests/common/ScratchFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace kvtrack {
 namespace {
 
-namespace fs = std::filesystem;
-
-class GeocacheFilterFiles : public ::testing::Test {
- protected:
-  void SetUp() override {
-    folder_ = fs::temp_directory_path() / ("kvtrack-filters-" + FileHandling::guid());
-    fs::create_directories(folder_);
-  }
-  void TearDown() override { fs::remove_all(folder_); }
-  std::string path(const char* name) const { return (folder_ / name).string(); }
-  static std::string contents(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-  }
-
-  fs::path folder_;
-};
+using testing::ScratchFolder;
 
 GeocacheFilters someFilters() {
   GeocacheFilters filters;
@@ -39,44 +21,42 @@ GeocacheFilters someFilters() {
   return filters;
 }
 
-TEST_F(GeocacheFilterFiles, ExportAndImportRoundTrip) {
-  const GeocacheFilters written = someFilters();
-  ASSERT_TRUE(written.exportTo(path("filters.xml")));
-  const std::string text = contents(path("filters.xml"));
-  EXPECT_NE(text.find("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"), std::string::npos) << text;
-  EXPECT_NE(text.find("<wayfolioGeocacheFilters creator=\"Wayfolio\" version=\"0.1.0\">"),
-            std::string::npos);
-
+TEST(GeocacheFilterFiles, ExportAndImportAppendToTheList) {
+  ScratchFolder folder;
+  const std::string path = folder.file("filters.xml");
+  ASSERT_TRUE(someFilters().exportTo(path));
+  const std::string text = ScratchFolder::read(path);
+  EXPECT_TRUE(text.starts_with("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                               "<wayfolioGeocacheFilters creator=\"Wayfolio\" version=\"0.1.0\">"))
+      << text;
   GeocacheFilters read;
   read.filters = {{"kept", "TRUEPREDICATE"}};
-  ASSERT_TRUE(read.importFrom(path("filters.xml")));
-  ASSERT_EQ(read.filters.size(), 4u);
-  EXPECT_EQ(read.filters[0], (GeocacheFilter{"kept", "TRUEPREDICATE"}));
-  for (size_t i = 0; i < written.filters.size(); ++i) {
-    EXPECT_EQ(read.filters[i + 1], written.filters[i]);
-  }
+  ASSERT_TRUE(read.importFrom(path));
+  auto expected = someFilters().filters;
+  expected.insert(expected.begin(), {"kept", "TRUEPREDICATE"});
+  EXPECT_EQ(read.filters, expected);
 }
 
-TEST_F(GeocacheFilterFiles, FailuresAreLoggedAndLeaveTheListAlone) {
-  std::ofstream(path("broken.xml"))
-      << R"(<wayfolioGeocacheFilters><filter name="a" predicate="b"/>)";
+TEST(GeocacheFilterFiles, FailuresAreLoggedAndLeaveTheListAlone) {
+  ScratchFolder folder;
   GeocacheFilters filters;
   LogCapture capture;
-  EXPECT_FALSE(filters.importFrom(path("broken.xml")));
+  EXPECT_FALSE(filters.importFrom(
+      folder.write("broken.xml", R"(<wayfolioGeocacheFilters><filter name="a" predicate="b"/>)")));
   EXPECT_TRUE(capture.contains("GeocacheFilters: Error parsing file!"));
-  EXPECT_FALSE(filters.importFrom(path("missing.xml")));
+  EXPECT_FALSE(filters.importFrom(folder.file("missing.xml")));
   EXPECT_TRUE(filters.filters.empty());
-
   capture.clear();
   EXPECT_FALSE(filters.importFrom(""));
   EXPECT_TRUE(capture.contains("GeocacheFilters: Error creating URL!"));
-  EXPECT_FALSE(someFilters().exportTo(path("no/such/folder/filters.xml")));
+  EXPECT_FALSE(someFilters().exportTo(folder.file("no/such/folder/filters.xml")));
 }
 
-TEST_F(GeocacheFilterFiles, LibraryCopyUsesTheNameAsFileName) {
-  FileHandling::singleton().setUserApplicationSupport(folder_.string());
+TEST(GeocacheFilterFiles, LibraryCopyUsesTheNameAsFileName) {
+  ScratchFolder folder;
+  FileHandling::singleton().setUserApplicationSupport(folder.path().string());
   ASSERT_TRUE(someFilters().syncToDisk("My filters"));
-  EXPECT_TRUE(fs::exists(path("My filters.wayfolio")));
+  EXPECT_TRUE(std::filesystem::exists(folder.file("My filters.wayfolio")));
   GeocacheFilters loaded;
   ASSERT_TRUE(loaded.loadFromDisk("My filters"));
   EXPECT_EQ(loaded.filters, someFilters().filters);

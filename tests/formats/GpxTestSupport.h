@@ -1,10 +1,7 @@
 #pragma once
-// Reading written GPX back into a small element tree for assertions, and
-// builders for tracks and points.
+// Reading written GPX back into a small element tree for assertions.
 
 #include "kvtrack/formats/xml/SaxParser.h"
-#include "kvtrack/model/Track.h"
-#include "kvtrack/support/ISODate.h"
 
 #include <gtest/gtest.h>
 
@@ -40,19 +37,17 @@ struct XmlNode {
     for (const auto& c : children) names.push_back(c->name);
     return names;
   }
-  /// The index-th child of that name, or null.
-  const XmlNode* child(std::string_view childName, size_t index = 0) const {
-    for (const auto& c : children) {
-      if (c->name == childName && index-- == 0) return c.get();
-    }
-    return nullptr;
-  }
   std::vector<const XmlNode*> all(std::string_view childName) const {
     std::vector<const XmlNode*> found;
     for (const auto& c : children) {
       if (c->name == childName) found.push_back(c.get());
     }
     return found;
+  }
+  /// The index-th child of that name, or null.
+  const XmlNode* child(std::string_view childName, size_t index = 0) const {
+    const auto found = all(childName);
+    return index < found.size() ? found[index] : nullptr;
   }
   /// Text of the named child; absent when there is no such child.
   std::optional<std::string> childText(std::string_view childName) const {
@@ -93,32 +88,6 @@ inline std::unique_ptr<XmlNode> readXmlTree(const std::string& path) {
   XmlTreeReader reader;
   EXPECT_TRUE(parser.parseFile(path, reader)) << path;
   return reader.take();
-}
-
-inline ISODate dateFrom(const std::string& text) {
-  auto date = ISODate::isoDateWithString(text);
-  EXPECT_TRUE(date.has_value()) << text;
-  return date.value_or(ISODate());
-}
-
-/// Appends a point to the track and returns it.
-inline TrackPointPtr appendPoint(Track& track, double latitude, double longitude,
-                                 const std::string& time = {}, double elevation = 0.0) {
-  auto point = TrackPoint::trackPointWithParent(&track);
-  point->setLatitude(latitude);
-  point->setLongitude(longitude);
-  point->setElevation(elevation);
-  if (!time.empty()) point->setTime(dateFrom(time));
-  track.addTrackPoint(point);
-  return point;
-}
-
-inline TrackPointPtr appendWaypoint(Track& track, double latitude, double longitude,
-                                    const std::string& name) {
-  auto point = appendPoint(track, latitude, longitude);
-  point->setIsWayPoint(true);
-  point->setName(name);
-  return point;
 }
 
 }  // namespace kvtrack::testing

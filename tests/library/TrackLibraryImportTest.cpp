@@ -43,6 +43,7 @@ TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
   EXPECT_TRUE(tracks[0]->trackPoints()[1]->isWayPoint());
   EXPECT_EQ(tracks[0]->trackPoints()[1]->name(), "Bridge");
   EXPECT_GT(tracks[0]->length(), 0.1);
+  EXPECT_EQ(tracks[0]->waypointCount(), 1);  // counted after the waypoint found its point
   EXPECT_EQ(configuration.importedTracks().size(), 2u);
 
   LogCapture log;
@@ -50,6 +51,7 @@ TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
   EXPECT_EQ(target->tracks().size(), 2u);
   EXPECT_EQ(configuration.identicalTrackCounter(), 2);
   EXPECT_TRUE(log.contains("already exists and will not be imported!"));
+  EXPECT_TRUE(library->waypointTrack()->trackPoints().empty());  // nor filed as places
 
   UserDefaults::singleton().setBoolForKey("IgnoreTrackIdDuringImport", true);
   target->importGPX(file, configuration);

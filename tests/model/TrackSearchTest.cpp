@@ -1,5 +1,5 @@
 #include "kvtrack/model/Track.h"
-#include "ModelTestSupport.h"
+#include "tests/common/TrackBuilders.h"
 
 #include <cmath>
 #include <random>
@@ -11,20 +11,37 @@ using testing::addPoint;
 using testing::addTimedPoint;
 using testing::at;
 
-TEST(TimeSearch, NearestPointIgnoresFractionsAndPrefersTheLaterPoint) {
+TEST(TimeSearch, NearestBeforeAndAfter) {
   Track track;
   auto a = addPoint(track, 1, 1, "2012-05-01T10:00:00Z");
   auto b = addPoint(track, 2, 2, "2012-05-01T10:00:10Z");
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:05Z")), b);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:04.6Z")), a);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:05.4Z")), b);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T12:00:01+02:00")), a);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:00Z")), a);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:10Z")), b);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T09:59:59.999Z")), nullptr);
-  EXPECT_EQ(track.findTrackPointWithDate(at("2012-05-01T10:00:10.001Z")), nullptr);
+  auto c = addPoint(track, 3, 3, "2012-05-01T10:00:20Z");
+  // The nearest point by whole seconds; on a tie the later one; nothing outside the track.
+  const std::vector<std::pair<const char*, TrackPointPtr>> nearest = {
+      {"2012-05-01T10:00:05Z", b},      {"2012-05-01T10:00:04.6Z", a},
+      {"2012-05-01T10:00:05.4Z", b},    {"2012-05-01T12:00:01+02:00", a},
+      {"2012-05-01T10:00:00Z", a},      {"2012-05-01T10:00:20Z", c},
+      {"2012-05-01T09:59:59.999Z", nullptr}, {"2012-05-01T10:00:20.001Z", nullptr},
+  };
+  for (const auto& [time, expected] : nearest) {
+    EXPECT_EQ(track.findTrackPointWithDate(at(time)), expected) << time;
+  }
   EXPECT_EQ(track.findTrackPointWithDate(std::nullopt), nullptr);
   EXPECT_EQ(Track().findTrackPointWithDate(at("2012-05-01T10:00:00Z")), nullptr);
+
+  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T09:00:00Z")), nullptr);
+  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T10:00:10Z")), b);
+  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T10:00:15Z")), b);
+  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T11:00:00Z")), c);
+  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T10:00:10Z")), c);
+  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T09:00:00Z")), a);
+  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T10:00:20Z")), nullptr);
+  EXPECT_TRUE(track.isBeforeTrack(at("2012-05-01T09:59:59Z")));
+  EXPECT_FALSE(track.isBeforeTrack(at("2012-05-01T10:00:00Z")));
+  EXPECT_TRUE(track.isAfterTrack(at("2012-05-01T10:00:20.5Z")));
+  EXPECT_FALSE(track.isAfterTrack(at("2012-05-01T10:00:20Z")));
+  EXPECT_FALSE(Track().isAfterTrack(at("2012-05-01T10:00:20Z")));
+  EXPECT_FALSE(Track().isBeforeTrack(at("2012-05-01T10:00:20Z")));
 }
 
 TEST(TimeSearch, BisectionAgreesWithAScanOverIrregularTracks) {
@@ -58,27 +75,6 @@ TEST(TimeSearch, BisectionAgreesWithAScanOverIrregularTracks) {
       EXPECT_TRUE(found == before || found == after);
     }
   }
-}
-
-TEST(TimeSearch, BeforeAndAfterWalkTheTrack) {
-  Track track;
-  auto a = addPoint(track, 1, 1, "2012-05-01T10:00:00Z");
-  auto b = addPoint(track, 2, 2, "2012-05-01T10:00:10Z");
-  auto c = addPoint(track, 3, 3, "2012-05-01T10:00:20Z");
-  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T09:00:00Z")), nullptr);
-  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T10:00:10Z")), b);
-  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T10:00:15Z")), b);
-  EXPECT_EQ(track.findTrackPointBeforeDate(at("2012-05-01T11:00:00Z")), c);
-  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T10:00:10Z")), c);
-  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T09:00:00Z")), a);
-  EXPECT_EQ(track.findTrackPointAfterDate(at("2012-05-01T10:00:20Z")), nullptr);
-
-  EXPECT_TRUE(track.isBeforeTrack(at("2012-05-01T09:59:59Z")));
-  EXPECT_FALSE(track.isBeforeTrack(at("2012-05-01T10:00:00Z")));
-  EXPECT_TRUE(track.isAfterTrack(at("2012-05-01T10:00:20.5Z")));
-  EXPECT_FALSE(track.isAfterTrack(at("2012-05-01T10:00:20Z")));
-  EXPECT_FALSE(Track().isAfterTrack(at("2012-05-01T10:00:20Z")));
-  EXPECT_FALSE(Track().isBeforeTrack(at("2012-05-01T10:00:20Z")));
 }
 
 TEST(PlaceSearch, NearestPointPrefersTheEarliestAndSpansTracks) {

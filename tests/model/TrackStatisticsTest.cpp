@@ -1,9 +1,10 @@
 #include "kvtrack/model/GeocachingService.h"
 #include "kvtrack/model/Track.h"
 #include "kvtrack/support/KvPreferences.h"
-#include "ModelTestSupport.h"
+#include "tests/common/TrackBuilders.h"
 
 #include <cmath>
+#include <numbers>
 #include <random>
 
 namespace kvtrack {
@@ -11,6 +12,7 @@ namespace {
 
 using testing::addPoint;
 using testing::addTimedPoint;
+using testing::addWaypoint;
 using testing::at;
 
 const double kNoElevation = std::nan("");
@@ -21,38 +23,25 @@ struct AnyService : GeocachingService {
   bool belongsToThisService(const TrackPoint&) const override { return true; }
 } service;
 
-TEST(ElevationFigures, TenMetreHysteresis) {
-  Track track;
-  for (double e : {100.0, 105.0, 111.0, 104.0, 120.0}) addPoint(track, 1, 1, "", e);
-  EXPECT_EQ(track.ascending(), 11);
-  EXPECT_EQ(track.descending(), 0);
-  EXPECT_EQ(track.minElevation(), 100);
-  EXPECT_EQ(track.maxElevation(), 120);
+TEST(ElevationFigures, TenMetreHysteresisNaNGapsAndCaching) {
+  const auto climbOf = [](const std::vector<double>& elevations) {
+    Track track;
+    for (double e : elevations) addPoint(track, 1, 1, "", e);
+    return std::vector<double>{track.ascending(), track.descending(), track.minElevation(),
+                               track.maxElevation()};
+  };
+  EXPECT_EQ(climbOf({100, 105, 111, 104, 120}), (std::vector<double>{11, 0, 100, 120}));
+  EXPECT_EQ(climbOf({100, 110, 105}), (std::vector<double>{0, 0, 100, 110}));  // 10 m is noise
+  EXPECT_EQ(climbOf({500, 489.5, 489, 478, kNoElevation, 478, 520}),
+            (std::vector<double>{42, 22, 478, 520}));
+  std::vector<double> slow;  // a slow climb counts in steps of just over 10 m
+  for (int i = 0; i <= 50; ++i) slow.push_back(1000 + i * 0.7);
+  EXPECT_NEAR(climbOf(slow)[0], 31.5, 1e-9);  // three steps of 10.5 m; the last 3.5 m never count
+  // Without any elevation everything is NaN; one elevation makes the climb 0.
+  for (double figure : climbOf({kNoElevation, kNoElevation})) EXPECT_TRUE(std::isnan(figure));
+  EXPECT_EQ(climbOf({kNoElevation, kNoElevation, 7}), (std::vector<double>{0, 0, 7, 7}));
 
-  Track climb;  // a slow climb counts in steps of just over 10 m
-  for (int i = 0; i <= 50; ++i) addPoint(climb, 1, 1, "", 1000 + i * 0.7);
-  EXPECT_NEAR(climb.ascending(), 31.5, 1e-9);  // three steps of 10.5 m; the last 3.5 m never count
-  Track down;
-  for (double e : {500.0, 489.5, 489.0, 478.0, kNoElevation, 478.0, 520.0}) addPoint(down, 1, 1, "", e);
-  EXPECT_DOUBLE_EQ(down.descending(), 22.0);
-  EXPECT_DOUBLE_EQ(down.ascending(), 42.0);
-}
-
-TEST(ElevationFigures, MissingElevationsStayNaN) {
-  Track track;
-  addPoint(track, 1, 1, "", kNoElevation);
-  addPoint(track, 2, 2, "", kNoElevation);
-  EXPECT_TRUE(std::isnan(track.ascending()));
-  EXPECT_TRUE(std::isnan(track.descending()));
-  EXPECT_TRUE(std::isnan(track.minElevation()));
-  EXPECT_TRUE(std::isnan(track.maxElevation()));
-  addPoint(track, 3, 3, "", 7);
-  EXPECT_EQ(track.ascending(), 0);  // 0 once any point has an elevation
-  EXPECT_EQ(track.minElevation(), 7);
-}
-
-TEST(ElevationFigures, CleanTracksAreNotRecomputed) {
-  Track track;
+  Track track;  // clean tracks are not recomputed
   addPoint(track, 1, 1, "", 100);
   addPoint(track, 1, 1, "", 200);
   EXPECT_EQ(track.maxElevation(), 200);
@@ -63,7 +52,7 @@ TEST(ElevationFigures, CleanTracksAreNotRecomputed) {
   EXPECT_EQ(track.maxElevation(), 300);
 }
 
-TEST(Counts, WaypointsGeocachesAndPhotos) {
+TEST(Classification, CountsAndATypeSetOnceFromThePoints) {
   Track track;
   addTimedPoint(track, 0)->setIsWayPoint(true);
   addTimedPoint(track, 1)->setName("named track point");
@@ -79,16 +68,17 @@ TEST(Counts, WaypointsGeocachesAndPhotos) {
   EXPECT_EQ(track.waypointCount(), 3);
   EXPECT_EQ(track.geocacheCount(), 1);
   EXPECT_EQ(track.photoCount(), 2);
-  EXPECT_TRUE(track.propertiesUpdated());
   EXPECT_EQ(track.type(), Track::kRecordedTrack);
-}
+  EXPECT_EQ(track.startTime(), at("2012-05-01T10:00:00Z"));
 
-TEST(Classification, TypeIsSetOnceFromThePoints) {
   Track places;
   for (int i = 0; i < 3; ++i) addPoint(places, i, i)->setIsWayPoint(true);
   places.updateAll();
   EXPECT_EQ(places.type(), Track::kPlaceCollection);
   for (const auto& p : places.trackPoints()) EXPECT_TRUE(std::isnan(p->speed()));
+  addTimedPoint(places, 10);  // sticky: once places, timed points change nothing
+  places.updateProperties();
+  EXPECT_EQ(places.type(), Track::kPlaceCollection);
 
   Track untimed;
   addPoint(untimed, 1, 1);
@@ -98,23 +88,11 @@ TEST(Classification, TypeIsSetOnceFromThePoints) {
 
   Track caches;
   for (int i = 0; i < 2; ++i) {
-    auto p = addPoint(caches, i, i);
-    p->setIsWayPoint(true);
+    auto p = addWaypoint(caches, i, i, "GC");
     p->setGeocachingService(&service);
   }
   caches.updateProperties();
   EXPECT_EQ(caches.type(), Track::kGeocacheCollection);
-
-  Track recorded;
-  addTimedPoint(recorded, 0);
-  addTimedPoint(recorded, 1);
-  recorded.updateProperties();
-  EXPECT_EQ(recorded.type(), Track::kRecordedTrack);
-  EXPECT_EQ(recorded.startTime(), at("2012-05-01T10:00:00Z"));
-  // Sticky: once classified as places, adding timed points changes nothing.
-  addTimedPoint(places, 10);
-  places.updateProperties();
-  EXPECT_EQ(places.type(), Track::kPlaceCollection);
 
   Track empty;
   empty.updateProperties();
@@ -122,12 +100,14 @@ TEST(Classification, TypeIsSetOnceFromThePoints) {
   EXPECT_EQ(empty.type(), Track::kRecordedTrack);
 }
 
-TEST(Speeds, OneKilometreInOneMinuteIsSixtyKmh) {
+TEST(Speeds, OneKilometreInOneMinuteIsSixtyKmhAndDirtyTracksDropTheRange) {
   Track track;
   auto a = addPoint(track, 0, 0, "2012-05-01T10:00:00Z");
-  // One kilometre north on the 6371 km sphere.
-  const double oneKm = 180.0 / (6371.0 * 3.141592653589793);
+  const double oneKm = 180.0 / (6371.0 * std::numbers::pi);  // north on the 6371 km sphere
   auto b = addPoint(track, oneKm, 0, "2012-05-01T10:01:00Z");
+  track.updateAll();  // the track is dirty from the edits...
+  EXPECT_TRUE(std::isnan(track.maxSpeed()));  // ...so the getter recomputes and drops the range
+  EXPECT_TRUE(std::isnan(track.minSpeed()));
   track.setIsDirty(false);
   track.updateAll();
   EXPECT_EQ(a->speed(), 0.0);
@@ -172,18 +152,6 @@ TEST(Speeds, ShortLastIntervalRepeatsTheLastSpeedAndPreferenceWidensTheSpan) {
   KvPreferences::singleton().setMinIntervalSpeedCalculation(std::nullopt);
 }
 
-TEST(Speeds, RangeIsResetWhenADirtyTrackIsRecomputed) {
-  Track track;
-  addTimedPoint(track, 0, 47.0);
-  addTimedPoint(track, 60, 47.01);
-  track.updateAll();  // the track is dirty from the edits...
-  EXPECT_TRUE(std::isnan(track.maxSpeed()));  // ...so the getter recomputes and drops the range
-  EXPECT_TRUE(std::isnan(track.minSpeed()));
-  track.setIsDirty(false);
-  track.updateAll();
-  EXPECT_GT(track.maxSpeed(), 0.0);
-}
-
 TEST(Lengths, LegsAndTotalUseTheOneFormula) {
   Track one;
   auto only = addPoint(one, 47, 8);
@@ -196,20 +164,16 @@ TEST(Lengths, LegsAndTotalUseTheOneFormula) {
   std::uniform_real_distribution<double> lat(-80, 80), lon(-179, 179);
   Track track;
   for (int i = 0; i < 500; ++i) addPoint(track, lat(random), lon(random));
-  double expected = 0;
+  track.updateLength();
+  double total = 0;
   const auto& p = track.trackPoints();
   for (size_t k = 1; k < p.size(); ++k) {
     const double leg = TrackPoint::distanceFromLatitude(p[k]->latitude(), p[k]->longitude(),
                                                         p[k - 1]->latitude(), p[k - 1]->longitude());
-    expected += leg;
+    EXPECT_EQ(p[k]->length(), leg) << k;  // bit for bit, cached trigonometry or not
+    total += leg;
   }
-  track.updateLength();
-  EXPECT_EQ(track.length(), expected);  // bit for bit, cached trigonometry or not
-  for (size_t k = 1; k < p.size(); ++k) {
-    EXPECT_EQ(p[k]->length(), TrackPoint::distanceFromLatitude(p[k]->latitude(), p[k]->longitude(),
-                                                               p[k - 1]->latitude(),
-                                                               p[k - 1]->longitude()));
-  }
+  EXPECT_EQ(track.length(), total);
 }
 
 TEST(Bounds, ExactAndSampledBoxes) {

@@ -1,17 +1,16 @@
 #include "kvtrack/support/FileHandling.h"
 
 #include "kvtrack/support/ExternalProgram.h"
-
 #include "tests/common/ScopedEnvironment.h"
+#include "tests/common/ScratchFolder.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,33 +19,12 @@ namespace kvtrack {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Sets or unsets an environment variable for one test.
 using testing::ScopedEnvironment;
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (fs::temp_directory_path() / "kvtrack-test-XXXXXX").string();
-    path_ = mkdtemp(pattern.data()) ? pattern : std::string();
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-  std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
-
- private:
-  std::string path_;
-};
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
+using testing::ScratchFolder;
+using Words = std::vector<std::string>;
 
 // Names that break careless quoting; "pwned" is the file an escape would create.
-const std::vector<std::string> kNastyNames = {
+const Words kNastyNames = {
     "it's",        "'",         "''",          "\\'",       "$(touch pwned)",
     "`touch pwned`", "a;touch pwned", "a && touch pwned #", "a\nb",    "\n",
     "-rf",         "--help",    "with space",  "  padded  ", "Zürich 東京",
@@ -56,261 +34,169 @@ const std::vector<std::string> kNastyNames = {
     "%s%n",        "#comment",  "{a,b}",       "[ab]",      "\x7f\x80\x9f",
 };
 
-std::string everyByte() {
-  std::string bytes;
-  for (int byte = 1; byte < 256; ++byte) bytes += static_cast<char>(byte);
-  return bytes;
-}
-
-// What the shell hands to a program for filenameForShell(text).
-std::string expectedWord(const std::string& text) {
-  return !text.empty() && text.front() == '-' ? "./" + text : text;
-}
-
-TEST(FileHandlingShellQuoting, PrintfSeesExactlyTheBytesOfEachSingleByte) {
-  TemporaryFolder folder;
+// The nasty names, every single byte, every byte in one word, and the empty word.
+Words wordsToQuote() {
+  Words words = kNastyNames;
+  std::string everyByte;
   for (int byte = 1; byte < 256; ++byte) {
-    const std::string text = std::string("a") + static_cast<char>(byte) + "b";
-    const std::string alone(1, static_cast<char>(byte));
-    ShellOutput result = runShellCommandReadingOutput(
-        "cd " + FileHandling::filenameForShell(folder.path()) + " && printf '%s|%s' " +
-        FileHandling::filenameForShell(text) + " " + FileHandling::filenameForShell(alone));
-    EXPECT_EQ(result.status, 0) << "byte " << byte;
-    EXPECT_EQ(result.output, text + "|" + expectedWord(alone)) << "byte " << byte;
+    words.emplace_back(1, static_cast<char>(byte));
+    words.push_back(std::string("a") + static_cast<char>(byte) + "b");
+    everyByte += static_cast<char>(byte);
   }
+  words.push_back(everyByte);
+  words.emplace_back();
+  return words;
+}
+
+// Runs printf in the folder with the words and splits what it printed at the NUL bytes.
+Words printedBy(const ScratchFolder& folder, const std::string& words) {
+  const ShellOutput result = runShellCommandReadingOutput(
+      "cd " + FileHandling::filenameForShell(folder.path().string()) + " && printf '%s\\0'" + words);
+  EXPECT_EQ(result.status, 0);
+  Words printed;
+  for (size_t start = 0, end; (end = result.output.find('\0', start)) != std::string::npos;
+       start = end + 1) {
+    printed.push_back(result.output.substr(start, end - start));
+  }
+  return printed;
+}
+
+TEST(FileHandlingShellQuoting, TheShellHandsOnExactlyTheBytesAndRunsNothing) {
+  ScratchFolder folder;
+  const Words words = wordsToQuote();
+  std::string quoted, doubleQuoted;
+  Words expected;
+  for (const std::string& word : words) {
+    quoted += " " + FileHandling::filenameForShell(word);
+    doubleQuoted += " \"" + FileHandling::stringForShell(word) + "\"";
+    // A leading '-' gets "./" in front, so no program takes the word for an option.
+    expected.push_back(!word.empty() && word.front() == '-' ? "./" + word : word);
+  }
+  EXPECT_EQ(printedBy(folder, quoted), expected);
+  EXPECT_EQ(printedBy(folder, doubleQuoted), words);
   EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 
-TEST(FileHandlingShellQuoting, PrintfSeesExactlyTheNastyNames) {
-  TemporaryFolder folder;
-  std::vector<std::string> names = kNastyNames;
-  names.push_back(everyByte());
-  names.push_back("");
-  for (const std::string& name : names) {
-    ShellOutput result =
-        runShellCommandReadingOutput("cd " + FileHandling::filenameForShell(folder.path()) +
-                                     " && printf '%s' " + FileHandling::filenameForShell(name));
-    EXPECT_EQ(result.status, 0) << name;
-    EXPECT_EQ(result.output, expectedWord(name)) << name;
+TEST(FileHandlingFileNames, OneHarmlessNameForAnyText) {
+  std::string accents;
+  for (int i = 0; i < 150; ++i) accents += "é";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"a/b\\c:d*e?f\"g<h>i|j", "a_b_c_d_e_f_g_h_i_j"},
+      {"tab\there\x01\x1f\x7f", "tab_here___"},
+      {"a\xc2\x85" "b", "a_b"},
+      {"Track 2024-05-01, Zürich 東京", "Track 2024-05-01, Zürich 東京"},
+      // no hidden files, no blanks around, never empty
+      {".hidden", "_hidden"}, {"..", "_."}, {".", "_"}, {"  .x  ", "_x"}, {"a.b.c", "a.b.c"},
+      {"  name \n", "name"}, {"\xe3\x80\x80wide blank", "wide blank"}, {"", "_"}, {" \t\n ", "_"},
+      // invalid UTF-8
+      {"ab\xff" "cd", "ab_cd"}, {"end\xc3", "end_"},
+      // at most 200 bytes, without cutting a character or leaving a blank at the end
+      {accents, accents.substr(0, 200)},
+      {"a" + accents, "a" + accents.substr(0, 198)},
+      {std::string(199, 'a') + " b", std::string(199, 'a')},
+  };
+  for (const auto& [name, expected] : cases) {
+    EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(name), expected) << name;
   }
-  EXPECT_FALSE(fs::exists(folder / "pwned"));
-}
-
-TEST(FileHandlingShellQuoting, CatReadsFilesWithNastyNames) {
-  TemporaryFolder folder;
-  std::vector<std::string> names;
-  for (const std::string& name : kNastyNames) {
-    if (name.find('/') == std::string::npos) names.push_back(name);
-  }
-  for (int byte = 1; byte < 256; ++byte) {
-    if (byte != '/') names.push_back(std::string("f") + static_cast<char>(byte));
-  }
-  std::string absoluteWords;
-  std::string relativeWords;
-  std::string expected;
-  for (size_t i = 0; i < names.size(); ++i) {
-    const std::string content = "<" + std::to_string(i) + ">";
-    writeFile(folder / names[i], content);
-    absoluteWords += " " + FileHandling::filenameForShell(folder / names[i]);
-    relativeWords += " " + FileHandling::filenameForShell(names[i]);
-    expected += content;
-  }
-  ShellOutput absolute = runShellCommandReadingOutput("cat" + absoluteWords);
-  EXPECT_EQ(absolute.status, 0);
-  EXPECT_EQ(absolute.output, expected);
-  // Relative names like "-rf" only work thanks to the "./" in front.
-  ShellOutput relative = runShellCommandReadingOutput(
-      "cd " + FileHandling::filenameForShell(folder.path()) + " && cat" + relativeWords);
-  EXPECT_EQ(relative.status, 0);
-  EXPECT_EQ(relative.output, expected);
-  EXPECT_FALSE(fs::exists(folder / "pwned"));
-}
-
-TEST(FileHandlingShellQuoting, EmptyPathIsOneEmptyWord) {
-  EXPECT_EQ(FileHandling::filenameForShell(""), "''");
-  ShellOutput result = runShellCommandReadingOutput(
-      "set -- " + FileHandling::filenameForShell("") + "; printf '%s' \"$#\"");
-  EXPECT_EQ(result.output, "1");
-}
-
-TEST(FileHandlingShellQuoting, StringForShellSurvivesDoubleQuotes) {
-  TemporaryFolder folder;
-  std::vector<std::string> values = kNastyNames;
-  values.push_back(everyByte());
-  values.push_back("");
-  for (int byte = 1; byte < 256; ++byte) values.emplace_back(1, static_cast<char>(byte));
-  for (const std::string& value : values) {
-    ShellOutput result = runShellCommandReadingOutput(
-        "cd " + FileHandling::filenameForShell(folder.path()) + " && printf '%s' \"" +
-        FileHandling::stringForShell(value) + "\"");
-    EXPECT_EQ(result.status, 0) << value;
-    EXPECT_EQ(result.output, value) << value;
-  }
-  EXPECT_FALSE(fs::exists(folder / "pwned"));
-}
-
-TEST(FileHandlingFileNames, ReplacesSeparatorsAndReservedCharacters) {
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("a/b\\c:d*e?f\"g<h>i|j"),
-            "a_b_c_d_e_f_g_h_i_j");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("tab\there\x01\x1f\x7f"),
-            "tab_here___");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("a\xc2\x85" "b"), "a_b");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("Track 2024-05-01, Zürich 東京"),
-            "Track 2024-05-01, Zürich 東京");
-}
-
-TEST(FileHandlingFileNames, NoHiddenFilesNoBlanksNeverEmpty) {
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(".hidden"), "_hidden");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(".."), "_.");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("."), "_");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("  .x  "), "_x");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("  name \n"), "name");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("\xe3\x80\x80wide blank"),
-            "wide blank");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(""), "_");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(" \t\n "), "_");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("a.b.c"), "a.b.c");
-}
-
-TEST(FileHandlingFileNames, InvalidUtf8BecomesUnderscores) {
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("ab\xff" "cd"), "ab_cd");
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("end\xc3"), "end_");
   // Overlong and surrogate encodings are invalid too.
   for (std::string bad : {"x\xc0\xafy", "x\xed\xa0\x80y", "x\xf8\x88\x80\x80\x80y"}) {
-    std::string clean = FileHandling::filenameWithoutSpecialCharacters(bad);
+    const std::string clean = FileHandling::filenameWithoutSpecialCharacters(bad);
     EXPECT_EQ(clean.front(), 'x');
     EXPECT_EQ(clean.back(), 'y');
     EXPECT_EQ(clean.find_first_not_of("xy_"), std::string::npos) << clean;
   }
 }
 
-TEST(FileHandlingFileNames, CapsAt200BytesWithoutCuttingCharacters) {
-  std::string accents;
-  for (int i = 0; i < 150; ++i) accents += "é";
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(accents), accents.substr(0, 200));
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters("a" + accents),
-            "a" + accents.substr(0, 198));
-  // A cut right after a blank must not leave it at the end.
-  EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(std::string(199, 'a') + " b"),
-            std::string(199, 'a'));
-}
-
 TEST(FileHandlingFileNames, ResultIsStableAndUsableForEveryByte) {
-  TemporaryFolder folder;
+  ScratchFolder folder;
   std::set<std::string> names;
   for (int byte = 0; byte < 256; ++byte) {
-    std::string clean = FileHandling::filenameWithoutSpecialCharacters(
+    const std::string clean = FileHandling::filenameWithoutSpecialCharacters(
         std::string("x") + static_cast<char>(byte) + "y");
     EXPECT_EQ(FileHandling::filenameWithoutSpecialCharacters(clean), clean) << byte;
-    EXPECT_LE(clean.size(), 200u);
-    writeFile(folder / clean, "x");
-    EXPECT_TRUE(fs::is_regular_file(folder / clean)) << byte;
+    folder.write(clean, "x");
+    EXPECT_TRUE(fs::is_regular_file(folder.file(clean))) << byte;
     names.insert(clean);
   }
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()),
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}),
             static_cast<long>(names.size()));
 }
 
 TEST(FileHandlingGuid, IsAnUpperCaseRandomUuidAndUnique) {
-  // 8-4-4-4-12 upper-case hex digits, version 4, variant 10xx.
-  auto wellFormed = [](const std::string& guid) {
-    if (guid.size() != 36 || guid[14] != '4' || !std::strchr("89AB", guid[19])) return false;
-    for (size_t i = 0; i < guid.size(); ++i) {
-      const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-      if (dash ? guid[i] != '-' : !std::strchr("0123456789ABCDEF", guid[i])) return false;
-    }
-    return true;
-  };
   std::set<std::string> seen;
   for (int i = 0; i < 1000; ++i) {
-    std::string guid = FileHandling::guid();
-    EXPECT_TRUE(wellFormed(guid)) << guid;
+    const std::string guid = FileHandling::guid();
+    // 8-4-4-4-12 upper-case hex digits, version 4, variant 10xx.
+    std::string shape = guid;
+    for (char& c : shape) c = std::isxdigit(static_cast<unsigned char>(c)) && !std::islower(c) ? 'x' : c;
+    EXPECT_EQ(shape, "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx") << guid;
+    EXPECT_EQ(guid[14], '4') << guid;
+    EXPECT_TRUE(std::strchr("89AB", guid[19])) << guid;
     seen.insert(guid);
   }
   EXPECT_EQ(seen.size(), 1000u);
 }
 
-TEST(FileHandlingAlias, FollowsAChainOfRelativeLinks) {
-  TemporaryFolder folder;
-  fs::create_directories(folder / "data");
-  fs::create_directories(folder / "links");
-  writeFile(folder / "data/track.gpx", "gpx");
-  fs::create_symlink("track.gpx", folder / "data/last");
-  fs::create_symlink("../data/last", folder / "links/middle");
-  fs::create_symlink("middle", folder / "links/first");
-
-  std::string resolved = FileHandling::resolveAlias(folder / "links/first");
+TEST(FileHandlingAlias, FollowsChainsOfLinksAndLeavesEverythingElseAlone) {
+  ScratchFolder folder;
+  fs::create_directories(folder.file("data"));
+  fs::create_directories(folder.file("links"));
+  const std::string target = folder.write("data/track.gpx", "gpx");
+  fs::create_symlink("track.gpx", folder.file("data/last"));
+  fs::create_symlink("../data/last", folder.file("links/middle"));
+  fs::create_symlink("middle", folder.file("links/first"));
+  const std::string resolved = FileHandling::resolveAlias(folder.file("links/first"));
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(resolved))) << resolved;
-  EXPECT_TRUE(fs::equivalent(resolved, folder / "data/track.gpx")) << resolved;
+  EXPECT_TRUE(fs::equivalent(resolved, target)) << resolved;
+  fs::create_symlink(target, folder.file("absolute"));
+  EXPECT_EQ(FileHandling::resolveAlias(folder.file("absolute")), target);
 
-  fs::create_symlink(folder / "data/track.gpx", folder / "absolute");
-  EXPECT_EQ(FileHandling::resolveAlias(folder / "absolute"), folder / "data/track.gpx");
+  fs::create_symlink("nowhere", folder.file("dangling"));
+  fs::create_symlink("loopB", folder.file("loopA"));
+  fs::create_symlink("loopA", folder.file("loopB"));
+  for (const std::string& path :
+       {target, folder.file("missing"), folder.file("dangling"), folder.file("loopA"), std::string()}) {
+    EXPECT_EQ(FileHandling::resolveAlias(path), path);
+  }
 }
 
-TEST(FileHandlingAlias, LeavesEverythingElseAlone) {
-  TemporaryFolder folder;
-  writeFile(folder / "plain", "x");
-  EXPECT_EQ(FileHandling::resolveAlias(folder / "plain"), folder / "plain");
-  EXPECT_EQ(FileHandling::resolveAlias(folder / "missing"), folder / "missing");
-  fs::create_symlink("nowhere", folder / "dangling");
-  EXPECT_EQ(FileHandling::resolveAlias(folder / "dangling"), folder / "dangling");
-  fs::create_symlink("loopB", folder / "loopA");
-  fs::create_symlink("loopA", folder / "loopB");
-  EXPECT_EQ(FileHandling::resolveAlias(folder / "loopA"), folder / "loopA");
-  EXPECT_EQ(FileHandling::resolveAlias(""), "");
-}
-
-TEST(FileHandlingFolders, LibraryFolderPrecedence) {
-  TemporaryFolder folder;
-  ScopedEnvironment home("HOME", folder / "home");
+TEST(FileHandlingFolders, LibraryAndLocationCachePrecedence) {
+  ScratchFolder folder;
+  ScopedEnvironment home("HOME", folder.file("home"));
+  // Each folder is made on first use.
+  const auto expectFolder = [](const std::string& actual, const std::string& expected) {
+    EXPECT_EQ(actual, expected);
+    EXPECT_TRUE(fs::is_directory(expected)) << expected;
+  };
   {
-    ScopedEnvironment library("WAYFOLIO_LIBRARY", folder / "library");
-    ScopedEnvironment data("XDG_DATA_HOME", folder / "data");
+    ScopedEnvironment library("WAYFOLIO_LIBRARY", folder.file("library"));
+    ScopedEnvironment data("XDG_DATA_HOME", folder.file("data"));
+    ScopedEnvironment cache("XDG_CACHE_HOME", folder.file("cache"));
     FileHandling files;
-    EXPECT_EQ(files.userApplicationSupport(), folder / "library");
-    EXPECT_TRUE(fs::is_directory(folder / "library"));
+    expectFolder(files.userApplicationSupport(), folder.file("library"));
+    expectFolder(files.writableLocationCache(), folder.file("cache/wayfolio/locations"));
   }
   {
     ScopedEnvironment library("WAYFOLIO_LIBRARY", "");
-    ScopedEnvironment data("XDG_DATA_HOME", folder / "data");
+    ScopedEnvironment data("XDG_DATA_HOME", folder.file("data"));
     FileHandling files;
-    EXPECT_EQ(files.userApplicationSupport(), folder / "data/wayfolio");
-    EXPECT_TRUE(fs::is_directory(folder / "data/wayfolio"));
+    expectFolder(files.userApplicationSupport(), folder.file("data/wayfolio"));
   }
-  {
-    ScopedEnvironment library("WAYFOLIO_LIBRARY", std::nullopt);
-    ScopedEnvironment data("XDG_DATA_HOME", "relative/ignored");
-    FileHandling files;
-    EXPECT_EQ(files.userApplicationSupport(), folder / "home/.local/share/wayfolio");
-    EXPECT_TRUE(fs::is_directory(folder / "home/.local/share/wayfolio"));
-    files.setUserApplicationSupport(folder / "chosen/deep");
-    EXPECT_EQ(files.userApplicationSupport(), folder / "chosen/deep");
-    EXPECT_TRUE(fs::is_directory(folder / "chosen/deep"));
-  }
-}
-
-TEST(FileHandlingFolders, LocationCachePrecedence) {
-  TemporaryFolder folder;
-  ScopedEnvironment home("HOME", folder / "home");
-  {
-    ScopedEnvironment cache("XDG_CACHE_HOME", folder / "cache");
-    FileHandling files;
-    EXPECT_EQ(files.writableLocationCache(), folder / "cache/wayfolio/locations");
-    EXPECT_TRUE(fs::is_directory(folder / "cache/wayfolio/locations"));
-  }
-  {
-    ScopedEnvironment cache("XDG_CACHE_HOME", std::nullopt);
-    FileHandling files;
-    EXPECT_EQ(files.writableLocationCache(), folder / "home/.cache/wayfolio/locations");
-    files.setWritableLocationCache(folder / "mine");
-    EXPECT_EQ(files.writableLocationCache(), folder / "mine");
-    EXPECT_TRUE(fs::is_directory(folder / "mine"));
-  }
+  ScopedEnvironment library("WAYFOLIO_LIBRARY", std::nullopt);
+  ScopedEnvironment data("XDG_DATA_HOME", "relative/ignored");
+  ScopedEnvironment cache("XDG_CACHE_HOME", std::nullopt);
+  FileHandling files;
+  expectFolder(files.userApplicationSupport(), folder.file("home/.local/share/wayfolio"));
+  expectFolder(files.writableLocationCache(), folder.file("home/.cache/wayfolio/locations"));
+  files.setUserApplicationSupport(folder.file("chosen/deep"));
+  expectFolder(files.userApplicationSupport(), folder.file("chosen/deep"));
+  ScopedEnvironment noHome("HOME", std::nullopt);  // then the user database knows it
+  EXPECT_TRUE(fs::path(FileHandling::homeFolder()).is_absolute());
 }
 
 TEST(FileHandlingFolders, SandboxIsPrivateStableAndRemovedAfterwards) {
-  TemporaryFolder folder;
-  ScopedEnvironment temporary("TMPDIR", folder.path());
+  ScratchFolder folder;
+  ScopedEnvironment temporary("TMPDIR", folder.path().string());
   std::string sandbox;
   {
     FileHandling files;
@@ -322,36 +208,17 @@ TEST(FileHandlingFolders, SandboxIsPrivateStableAndRemovedAfterwards) {
     ASSERT_EQ(stat(sandbox.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
     fs::create_directories(sandbox + "/inner");
-    writeFile(sandbox + "/inner/file", "x");
+    std::ofstream(sandbox + "/inner/file") << "x";
   }
   EXPECT_FALSE(fs::exists(sandbox));
-
   // A folder handed in belongs to the caller and stays.
-  fs::create_directories(folder / "given");
+  fs::create_directories(folder.file("given"));
   {
     FileHandling files;
-    files.setSandbox(folder / "given");
-    EXPECT_EQ(files.sandbox(), folder / "given");
+    files.setSandbox(folder.file("given"));
+    EXPECT_EQ(files.sandbox(), folder.file("given"));
   }
-  EXPECT_TRUE(fs::is_directory(folder / "given"));
-}
-
-TEST(FileHandlingFolders, DeviceFolderAndCalloutPrefixes) {
-  FileHandling files;
-  EXPECT_EQ(files.deviceFolder(), "/dev/");
-  EXPECT_EQ(files.calloutPrefixes(), (std::vector<std::string>{"ttyACM", "ttyUSB"}));
-  files.setDeviceFolder("/tmp/devices/");
-  files.setCalloutPrefixes({"cu."});
-  EXPECT_EQ(files.deviceFolder(), "/tmp/devices/");
-  EXPECT_EQ(files.calloutPrefixes(), std::vector<std::string>{"cu."});
-  EXPECT_EQ(&FileHandling::singleton(), &FileHandling::singleton());
-}
-
-TEST(FileHandlingFolders, HomeFolderFallsBackToTheUserDatabase) {
-  ScopedEnvironment home("HOME", std::nullopt);
-  std::string fallback = FileHandling::homeFolder();
-  EXPECT_FALSE(fallback.empty());
-  EXPECT_TRUE(fs::path(fallback).is_absolute());
+  EXPECT_TRUE(fs::is_directory(folder.file("given")));
 }
 
 }  // namespace

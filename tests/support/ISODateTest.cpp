@@ -47,15 +47,9 @@ TEST(ISODateParsing, ReadsTheGpxFormWithEveryZoneForm) {
       {"2012-05-01T04:30:00-05:30", kMay1st2012At10Z, -330},
       {"2012-05-02T00:05:00+14:05", kMay1st2012At10Z, 845},
       {"2012-05-01T09:59:00-00:01", kMay1st2012At10Z, -1},
-      {"2012-05-01T10:00:00.5Z", kMay1st2012At10Z + 500'000, 0},
-      {"2012-05-01T10:00:00.123456Z", kMay1st2012At10Z + 123'456, 0},
       {"2012-05-01T10:00:00.1234569Z", kMay1st2012At10Z + 123'456, 0},  // truncated, not rounded
       {"2012-05-01T10:00:00.0000009", kMay1st2012At10Z, 0},
-      {"2012-05-01T11:00:00.25+01:00", kMay1st2012At10Z + 250'000, 60},
       {"2012-06-30T23:59:60Z", 1'341'100'800 * kSecond, 0},  // leap second = next minute
-      {"2000-02-29T00:00:00Z", 951'782'400 * kSecond, 0},
-      {"1600-03-01T00:00:00Z", -11'670'912'000 * kSecond, 0},
-      {"1969-12-31T23:59:59.5Z", -500'000, 0},
       {"0001-01-01T00:00:00Z", -62'135'596'800 * kSecond, 0},
       {"9999-12-31T23:59:59Z", 253'402'300'799 * kSecond, 0},
   };
@@ -121,8 +115,6 @@ TEST(ISODateText, DescriptionAndItsRoundTrip) {
       {kMay1st2012At10Z, 0, "2012-05-01T10:00:00Z"},
       {kMay1st2012At10Z, 120, "2012-05-01T12:00:00+02:00"},
       {kMay1st2012At10Z + 250'000, 0, "2012-05-01T10:00:00.25Z"},
-      {kMay1st2012At10Z + 123'456, -330, "2012-05-01T04:30:00.123456-05:30"},
-      {kMay1st2012At10Z + 500'000, 845, "2012-05-02T00:05:00.5+14:05"},
       {kMay1st2012At10Z, -1, "2012-05-01T09:59:00-00:01"},
       {-500'000, 0, "1969-12-31T23:59:59.5Z"},
       {-1, 0, "1969-12-31T23:59:59.999999Z"},
@@ -152,7 +144,6 @@ TEST(ISODateText, YearsBeyondFourDigitsStillFormat) {
     EXPECT_EQ(ISODate::isoDateWithString(text), std::nullopt) << text;
     EXPECT_FALSE(date.descriptionForExiftool().empty());
   }
-  EXPECT_EQ(micros(INT64_MAX).calendarDate().year, 294'247);
   EXPECT_EQ(micros(INT64_MAX).description().substr(0, 7), "294247-");
   EXPECT_EQ(micros(INT64_MIN).description().substr(0, 8), "-290308-");
 }
@@ -186,7 +177,6 @@ TEST(ISODateText, RandomInstantsRoundTrip) {
 TEST(ISODateText, ExiftoolForm) {
   EXPECT_EQ(micros(kMay1st2012At10Z + 999'999, 120).descriptionForExiftool(), "2012:05:01 12:00:00+02:00");
   EXPECT_EQ(micros(kMay1st2012At10Z).descriptionForExiftool(), "2012:05:01 10:00:00+00:00");
-  EXPECT_EQ(micros(kMay1st2012At10Z, -330).descriptionForExiftool(), "2012:05:01 04:30:00-05:30");
   EXPECT_EQ(micros(-500'000).descriptionForExiftool(), "1969:12:31 23:59:59+00:00");
 }
 
@@ -206,10 +196,9 @@ TEST(ISODateText, GuiTextUsesDefaultLocaleAndOwnOffset) {
   date.setTimezoneOffsetInMinutes(600);  // 01:42:07 on May 2: the zone is set anew on every call
   const std::string later = date.descriptionForGui();
   EXPECT_NE(later.find("1:42:07"), std::string::npos) << later;
-  EXPECT_NE(later.find('2'), std::string::npos) << later;
   EXPECT_EQ(later.find("10:12"), std::string::npos) << later;
 
-  std::string fromThread;
+  std::string fromThread;  // formatters are not shared between threads
   std::thread([&] { fromThread = date.descriptionForGui(); }).join();
   EXPECT_EQ(fromThread, later);
 
@@ -227,11 +216,10 @@ TEST(ISODateText, GuiTextUsesDefaultLocaleAndOwnOffset) {
 
 // --- arithmetic, intervals and zones ------------------------------------------------
 
-TEST(ISODateArithmetic, IntervalsAndComparison) {
+TEST(ISODateArithmetic, IntervalsZonesAndComparison) {
   EXPECT_EQ(ISODate::isoDateWithTimeIntervalSinceReferenceDate(0), at("2001-01-01T00:00:00Z"));
   EXPECT_EQ(at("2012-05-01T10:00:00Z").timeIntervalSinceReferenceDate(), 1'335'866'400.0 - 978'307'200.0);
   EXPECT_EQ(ISODate::isoDateWithTimeIntervalSinceReferenceDate(-0.25).description(), "2000-12-31T23:59:59.75Z");
-  EXPECT_EQ(ISODate::isoDateWithTimeIntervalSince1970(1.5).microsecondsSince1970(), 1'500'000);
   EXPECT_EQ(ISODate::isoDateWithTimeIntervalSince1970(4e-7).microsecondsSince1970(), 0);
   EXPECT_EQ(ISODate::isoDateWithTimeIntervalSince1970(6e-7).microsecondsSince1970(), 1);
   EXPECT_EQ(ISODate::isoDateWithTimeIntervalSince1970(-1335866400.5).timeIntervalSince1970(), -1335866400.5);
@@ -240,33 +228,13 @@ TEST(ISODateArithmetic, IntervalsAndComparison) {
   EXPECT_GT(ISODate::isoDateWithTimeIntervalSince1970(1e300).compare(at("9999-12-31T23:59:59Z")), 0);
   EXPECT_LT(ISODate::isoDateWithTimeIntervalSinceReferenceDate(-1e300).compare(at("0001-01-01T00:00:00Z")), 0);
 
-  const ISODate earlier = at("2012-05-01T12:00:00+02:00");
-  const ISODate later = at("2012-05-01T10:01:30.5Z");
-  EXPECT_EQ(earlier.compare(later), -1);
-  EXPECT_EQ(later.compare(earlier), 1);
-  EXPECT_EQ(later.timeIntervalSinceDate(earlier), 90.5);
-  EXPECT_EQ(earlier.timeIntervalSinceDate(later), -90.5);
-
-  const ISODate utc = at("2012-05-01T10:00:00Z");
-  EXPECT_EQ(earlier.compare(utc), 0);  // the offset plays no part
-  EXPECT_TRUE(earlier.isEqualToDate(utc));
-  EXPECT_NE(earlier, utc);
-}
-
-TEST(ISODateArithmetic, ChangingTheZone) {
-  ISODate date = at("2012-05-01T10:00:00Z");
-  date.setTimezoneOffsetInMinutes(120);
-  EXPECT_EQ(date.microsecondsSince1970(), kMay1st2012At10Z);
-  EXPECT_EQ(date.description(), "2012-05-01T12:00:00+02:00");
-  date.setTimeZone(-19'800);
-  EXPECT_EQ(date.timezoneOffset(), -330);
-  EXPECT_EQ(date.description(), "2012-05-01T04:30:00-05:30");
-
+  // The same instant in another zone compares equal but is not the same value.
   const ISODate local = at("2012-05-01T12:00:00Z").convertLocalTimeToUTC(120);
-  EXPECT_EQ(local.microsecondsSince1970(), kMay1st2012At10Z);
-  EXPECT_EQ(local.timezoneOffset(), 120);
   EXPECT_EQ(local.description(), "2012-05-01T12:00:00+02:00");
+  EXPECT_EQ(local.compare(at("2012-05-01T10:00:00Z")), 0);
+  EXPECT_NE(local, at("2012-05-01T10:00:00Z"));
   EXPECT_EQ(at("2012-05-01T12:00:00Z").convertLocalTimeToUTC(-330).description(), "2012-05-01T12:00:00-05:30");
+  EXPECT_EQ(at("2012-05-01T10:01:30.5Z").timeIntervalSinceDate(local), 90.5);
 }
 
 TEST(ISODateArithmetic, AddingWorksOnTheOwnWallClock) {
@@ -278,13 +246,11 @@ TEST(ISODateArithmetic, AddingWorksOnTheOwnWallClock) {
   // In UTC this is already February 1st; the wall clock decides.
   EXPECT_EQ(plus("2012-01-31T23:30:00-05:00", 0, 1, 0, 0, 0, 0), "2012-02-29T23:30:00-05:00");
   EXPECT_EQ(plus("2012-03-31T08:00:00+01:00", 0, -13, 0, 0, 0, 0), "2011-02-28T08:00:00+01:00");
-  EXPECT_EQ(plus("2012-01-15T08:00:00Z", 0, -1, 0, 0, 0, 0), "2011-12-15T08:00:00Z");
   EXPECT_EQ(plus("2012-11-15T08:00:00Z", 1, 14, 0, 0, 0, 0), "2015-01-15T08:00:00Z");
   EXPECT_EQ(plus("2012-02-29T08:00:00Z", 1, 0, 0, 0, 0, 0), "2013-02-28T08:00:00Z");
   EXPECT_EQ(plus("2012-02-28T12:00:00Z", 0, 0, 2, 0, 0, 0), "2012-03-01T12:00:00Z");
   EXPECT_EQ(plus("2012-05-01T23:00:00+02:00", 0, 0, 0, 25, -61, 0), "2012-05-02T22:59:00+02:00");
   EXPECT_EQ(plus("2012-05-01T10:00:00Z", 0, 0, 0, 0, 0, 1.5), "2012-05-01T10:00:01.5Z");
-  EXPECT_EQ(plus("1969-12-31T23:59:59.5Z", 0, 0, 0, 0, 0, 0.5), "1970-01-01T00:00:00Z");
   EXPECT_EQ(plus("1970-01-31T00:00:00.25Z", 0, -1, -1, 0, 0, -0.5), "1969-12-29T23:59:59.75Z");
   // Month arithmetic keeps the fraction and the time of day before 1970 too.
   EXPECT_EQ(plus("1969-01-31T06:07:08.9-03:00", 0, 1, 0, 0, 0, 0), "1969-02-28T06:07:08.9-03:00");
@@ -302,7 +268,6 @@ TEST(ISODateArithmetic, CalendarFieldsAreNormalised) {
   };
   EXPECT_EQ(fromFields(2012, 5, 1, 12, 0, 0, 120), "2012-05-01T12:00:00+02:00");
   EXPECT_EQ(fromFields(2012, 13, 1, 0, 0, 0), "2013-01-01T00:00:00Z");
-  EXPECT_EQ(fromFields(2012, 0, 15, 0, 0, 0), "2011-12-15T00:00:00Z");
   EXPECT_EQ(fromFields(2012, -13, 15, 0, 0, 0), "2010-11-15T00:00:00Z");
   EXPECT_EQ(fromFields(2012, 3, 0, 0, 0, 0), "2012-02-29T00:00:00Z");
   EXPECT_EQ(fromFields(2012, 2, 30, 0, 0, 0), "2012-03-01T00:00:00Z");
@@ -314,12 +279,8 @@ TEST(ISODateArithmetic, CalendarFieldsAreNormalised) {
   ISODate::isoDateWithCalendarDate(CalendarDate{INT_MAX, INT_MAX, INT_MAX, INT_MAX, INT_MAX, 1e300, INT32_MAX});
   ISODate::isoDateWithCalendarDate(CalendarDate{INT_MIN, INT_MIN, INT_MIN, INT_MIN, INT_MIN, -1e300, INT32_MIN});
 
-  const CalendarDate fields = micros(-1, 60).calendarDate();  // floor, not truncation, before 1970
-  EXPECT_EQ(fields.year, 1970);
-  EXPECT_EQ(fields.month, 1);
-  EXPECT_EQ(fields.day, 1);
-  EXPECT_EQ(fields.hour, 0);
-  EXPECT_EQ(fields.minute, 59);
-  EXPECT_NEAR(fields.second, 59.999999, 1e-9);
-  EXPECT_EQ(fields.timezoneOffsetInMinutes, 60);
+  const CalendarDate f = micros(-1, 60).calendarDate();  // floor, not truncation, before 1970
+  EXPECT_EQ(std::tuple(f.year, f.month, f.day, f.hour, f.minute, f.timezoneOffsetInMinutes),
+            std::tuple(1970, 1, 1, 0, 59, 60));
+  EXPECT_NEAR(f.second, 59.999999, 1e-9);
 }

@@ -1,5 +1,5 @@
 #pragma once
-// Small builders shared by the model tests.
+// Builders for dates, points and waypoints shared by the model and GPX tests.
 
 #include "kvtrack/model/Track.h"
 #include "kvtrack/support/ISODate.h"
@@ -10,6 +10,7 @@
 
 namespace kvtrack::testing {
 
+/// The date of a GPX time text; a test failure when it does not parse.
 inline ISODate at(const std::string& text) {
   auto date = ISODate::isoDateWithString(text);
   EXPECT_TRUE(date.has_value()) << text;
@@ -28,14 +29,20 @@ inline TrackPointPtr addPoint(Track& track, double latitude, double longitude,
   return point;
 }
 
-/// A point at the given offset in seconds from a fixed start, one metre-ish apart.
-inline TrackPointPtr addTimedPoint(Track& track, double secondsFromStart, double latitude = 47.0,
+/// Appends a point timed that many seconds after 2012-05-01T10:00:00Z.
+inline TrackPointPtr addTimedPoint(Track& track, double seconds, double latitude = 47.0,
                                    double longitude = 8.0) {
-  auto point = TrackPoint::trackPointWithParent(&track);
-  point->setLatitude(latitude);
-  point->setLongitude(longitude);
-  point->setTime(at("2012-05-01T10:00:00Z").dateByAddingYears(0, 0, 0, 0, 0, secondsFromStart));
-  track.addTrackPoint(point);
+  auto point = addPoint(track, latitude, longitude);
+  point->setTime(at("2012-05-01T10:00:00Z").dateByAddingYears(0, 0, 0, 0, 0, seconds));
+  return point;
+}
+
+/// Appends a named waypoint.
+inline TrackPointPtr addWaypoint(Track& track, double latitude, double longitude,
+                                 const std::string& name) {
+  auto point = addPoint(track, latitude, longitude);
+  point->setIsWayPoint(true);
+  point->setName(name);
   return point;
 }
 

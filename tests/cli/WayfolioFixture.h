@@ -1,0 +1,81 @@
+#pragma once
+// Runs the real wayfolio program on a scratch library, with settings of its
+// own so that a developer's unit choice never changes the expected output.
+
+#include "kvtrack/support/ExternalProgram.h"
+#include "kvtrack/support/FileHandling.h"
+#include "kvtrack/support/Log.h"
+#include "tests/common/ScratchFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace kvtrack::testing {
+
+struct WayfolioRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class WayfolioTest : public ::testing::Test {
+ protected:
+  // The shell lines logged for every run would bury the test output.
+  WayfolioTest() { setLogToStandardError(false); }
+  ~WayfolioTest() override { setLogToStandardError(true); }
+
+  /// One shell word for a path or a name.
+  static std::string word(const std::string& text) { return FileHandling::filenameForShell(text); }
+
+  static std::string examples(const std::string& name = {}) {
+    const auto folder = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
+                        "examples";
+    return (name.empty() ? folder : folder / name).string();
+  }
+
+  std::string library() const { return scratch.file("library"); }
+
+  /// The arguments are shell words: paths and names through word().
+  WayfolioRun runOn(const std::string& libraryFolder, const std::string& arguments) const {
+    const std::string errors = scratch.file("stderr.txt");
+    const std::string command = "WAYFOLIO_SETTINGS=" + word(scratch.file("settings.toml")) + " " +
+                                word(WAYFOLIO_BINARY) + " --library " + word(libraryFolder) +
+                                " " + arguments + " 2>" + word(errors);
+    const ShellOutput result = runShellCommandReadingOutput(command);
+    return {result.status, result.output, ScratchFolder::read(errors)};
+  }
+  WayfolioRun run(const std::string& arguments) const { return runOn(library(), arguments); }
+
+  /// Runs a command that must succeed; its standard output.
+  std::string ok(const std::string& arguments) const {
+    const WayfolioRun result = run(arguments);
+    EXPECT_EQ(result.status, 0) << arguments << "\n" << result.err;
+    return result.out;
+  }
+
+  void importExamples() {
+    ASSERT_NE(ok("import " + word(examples())).find("3 tracks added"), std::string::npos);
+  }
+
+  /// The output line that contains the text; "" when none does.
+  static std::string lineWith(const std::string& output, const std::string& text) {
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find(text) != std::string::npos) return line;
+    }
+    return {};
+  }
+
+  static size_t lineCount(const std::string& output) {
+    return static_cast<size_t>(std::count(output.begin(), output.end(), '\n'));
+  }
+
+  ScratchFolder scratch;
+};
+
+}  // namespace kvtrack::testing

@@ -1,0 +1,47 @@
+#pragma once
+// The pieces every subcommand shares: how it reports failure, what it hands
+// back to main, and the functions that register each subcommand.
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace wayfolio {
+
+/// A failure the user caused or can fix; main prints "wayfolio: error: <what>".
+class CommandError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// What a finished command tells main.
+struct Outcome {
+  /// The library changed and must be saved.
+  bool changed = false;
+  /// Set when the command ran but did not fully succeed (exit status 1).
+  std::optional<std::string> failure;
+};
+
+inline Outcome libraryChanged(bool changed = true) { return Outcome{changed, std::nullopt}; }
+
+/// Global options, and the command chosen on the command line.
+struct Invocation {
+  std::string library;  // empty: FileHandling's default folder
+  bool verbose = false;
+  bool noWait = false;
+  /// False for commands that never touch the library (no lock, no folder).
+  bool usesLibrary = true;
+  std::function<Outcome()> action;
+};
+
+void addImportCommand(CLI::App& app, Invocation& invocation);
+void addListCommands(CLI::App& app, Invocation& invocation);       // ls, tree
+void addTrackInfoCommands(CLI::App& app, Invocation& invocation);  // show, points
+void addFolderEditCommands(CLI::App& app, Invocation& invocation); // mkdir, mv, rename, rm, sort
+void addTrackEditCommands(CLI::App& app, Invocation& invocation);  // split, tz
+void addExportCommands(CLI::App& app, Invocation& invocation);     // export, convert
+
+}  // namespace wayfolio
