@@ -168,35 +168,38 @@ void TrackLibrary::cleanup() {
   }
 }
 
+// Walks "i.j.k." positions from the root: every component but the text
+// behind the last point. Strict walks stop at an invalid position; lenient
+// ones skip it and stay where they are.
+TrackLibraryFolderPtr TrackLibrary::walkPath(const std::string& path, bool lenient,
+                                             std::string_view& last) const {
+  TrackLibraryFolderPtr folder = std::const_pointer_cast<TrackLibraryFolder>(shared_from_this());
+  std::string_view rest(path);
+  for (size_t dot = rest.find('.'); dot != std::string_view::npos; dot = rest.find('.')) {
+    const int index = parseIntValue(rest.substr(0, dot));
+    const auto folders = folder->folders();
+    if (index >= 0 && static_cast<size_t>(index) < folders.size()) {
+      folder = folders[static_cast<size_t>(index)];
+    } else if (!lenient) {
+      return nullptr;
+    }
+    rest.remove_prefix(dot + 1);
+  }
+  last = rest;
+  return folder;
+}
+
 TrackLibraryFolderPtr TrackLibrary::trackLibraryFolderWithPath(const std::string& path) const {
   Lock lock(*this);
-  TrackLibraryFolderPtr folder = std::const_pointer_cast<TrackLibraryFolder>(shared_from_this());
-  size_t start = 0;
-  // Every component but the last (the text behind the final point).
-  for (size_t dot = path.find('.'); dot != std::string::npos; dot = path.find('.', start)) {
-    const int index = parseIntValue(std::string_view(path).substr(start, dot - start));
-    const auto folders = folder->folders();
-    if (index < 0 || static_cast<size_t>(index) >= folders.size()) return nullptr;
-    folder = folders[static_cast<size_t>(index)];
-    start = dot + 1;
-  }
-  return folder;
+  std::string_view last;
+  return walkPath(path, false, last);
 }
 
 TrackPtr TrackLibrary::trackWithPath(const std::string& path) const {
   Lock lock(*this);
-  TrackLibraryFolderPtr folder = std::const_pointer_cast<TrackLibraryFolder>(shared_from_this());
-  size_t start = 0;
-  for (size_t dot = path.find('.'); dot != std::string::npos; dot = path.find('.', start)) {
-    const int index = parseIntValue(std::string_view(path).substr(start, dot - start));
-    const auto folders = folder->folders();
-    // Unlike folder paths, an invalid step is skipped and the walk goes on.
-    if (index >= 0 && static_cast<size_t>(index) < folders.size()) {
-      folder = folders[static_cast<size_t>(index)];
-    }
-    start = dot + 1;
-  }
-  const int index = parseIntValue(std::string_view(path).substr(start));
+  std::string_view last;
+  const TrackLibraryFolderPtr folder = walkPath(path, true, last);
+  const int index = parseIntValue(last);
   const auto tracks = folder->tracks();
   if (index < 0 || static_cast<size_t>(index) >= tracks.size()) return nullptr;
   return tracks[static_cast<size_t>(index)];

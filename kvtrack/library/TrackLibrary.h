@@ -77,6 +77,8 @@ class TrackLibrary : public TrackLibraryFolder {
   bool exportSelectedGPX(const std::string& path, GpxExportConfiguration& configuration) const;
 
  private:
+  TrackLibraryFolderPtr walkPath(const std::string& path, bool lenient, std::string_view& last) const;
+
   FileHandling& fileHandling_;
   int32_t trackCounter_ = 0;
   TrackPtr geocacheTrack_;
