@@ -7,8 +7,8 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 
-echo "== fuzzing the GPX reader"
-scripts/fuzz.sh 60
+echo "== fuzzing the readers of files from outside"
+scripts/fuzz.sh 45
 
 for preset in default sanitize; do
   echo "== $preset build"
