@@ -12,6 +12,7 @@ packages=(
   libicu-dev uuid-dev libxml2-dev libxml2-utils libpcre2-dev zlib1g-dev
   time
   gpsbabel
+  libimage-exiftool-perl libvips-tools
 )
 
 missing=()

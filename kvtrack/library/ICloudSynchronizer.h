@@ -4,6 +4,8 @@
 // default, so a host without synchronisation needs no code.
 
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace kvtrack {
 
@@ -16,6 +18,14 @@ class ICloudSynchronizer {
   virtual void writeTrackToiCloud(Track&) {}
   virtual void deleteTrackFromiCloud(Track&) {}
   virtual void newTrackInTrackLibrary(Track&) {}
+  /// Where the synchronised copy of a photo and of its thumbnail lives (a
+  /// file URL or a plain path); absent when there is none.
+  virtual std::optional<std::string> urlForPhotoId(const std::string& /*photoId*/) const {
+    return std::nullopt;
+  }
+  virtual std::optional<std::string> urlForThumbnailPhotoId(const std::string& /*photoId*/) const {
+    return std::nullopt;
+  }
 };
 
 }  // namespace kvtrack

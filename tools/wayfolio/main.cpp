@@ -1,7 +1,10 @@
 // wayfolio: the command line of the kvtrack GPS-track library.
+#include "kvtrack/photos/ExifTool.h"
+#include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/support/Log.h"
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/LibrarySession.h"
+#include "tools/wayfolio/PhotoCommands.h"
 
 #include <cstdio>
 #include <optional>
@@ -56,11 +59,15 @@ int main(int argc, char** argv) {
   addFolderEditCommands(app, invocation);
   addTrackEditCommands(app, invocation);
   addExportCommands(app, invocation);
+  addPhotoCommands(app, invocation);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error);
   }
-  return run(invocation);
+  kvtrack::installPhotoHooks();
+  const int status = run(invocation);
+  kvtrack::ExifTool::shutdownSessions();  // no exiftool outlives us
+  return status;
 }

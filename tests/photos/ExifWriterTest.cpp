@@ -1,0 +1,221 @@
+// Writing positions, places, keywords and times into real photos with the
+// installed exiftool, checked by reading the files back.
+
+#include "kvtrack/photos/ExifWriter.h"
+
+#include "kvtrack/photos/ExifTool.h"
+#include "kvtrack/support/KvPreferences.h"
+#include "tests/common/ScopedEnvironment.h"
+#include "tests/common/TrackBuilders.h"
+#include "tests/photos/PhotoWriteSupport.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+
+namespace kvtrack {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readTag;
+using testing::ScratchFolder;
+
+class ExifWriterTest : public testing::PhotoFolderTest {
+ protected:
+  void TearDown() override { KvPreferences::singleton().setRawFileMode(std::nullopt); }
+
+  /// A photo attached to a point of the track at that position.
+  TrackPhotoPtr attached(const std::string& path, double latitude, double longitude,
+                         double elevation = 0.0) {
+    auto point = testing::addPoint(track, latitude, longitude, "2012-05-01T10:00:00+02:00",
+                                   elevation);
+    auto photo = TrackPhoto::trackPhotoWithFilepath(path);
+    photo->setTimeOfPhoto(testing::at("2012-05-01T10:30:00+02:00"));
+    point->addTrackPhoto(photo);
+    return photo;
+  }
+  static std::string read(const std::string& path) { return ScratchFolder::read(path); }
+
+  Track track;
+};
+
+TEST_F(ExifWriterTest, PositionArgumentsFollowTheirTemplates) {
+  const auto path = photo("a.jpg", "");
+  const std::string bytes = read(path);
+  auto south = attached(path, -33.5, 151.25, 12.7);
+  ExifWriter dry(true);
+  dry.updateExifForGPSLocation(*south, true, false, true, false);
+  ASSERT_EQ(dry.commandLines().size(), 1u);
+  const std::string& line = dry.commandLines()[0];
+  EXPECT_NE(line.find(" -m -codedcharacterset=UTF8  \"-GPSLatitudeRef=S\" \"-GPSLatitude=33.500000S\" "
+                      "\"-GPSLongitudeRef=E\" \"-GPSLongitude=151.250000E\" "
+                      "\"-GPSAltitudeRef=Above Sea Level\" \"-GPSAltitude=12\"  " +
+                      FileHandling::filenameForShell(path) + " -o " +
+                      FileHandling::filenameForShell(ExifWriter::temporaryFile())),
+            std::string::npos)
+      << line;
+  EXPECT_EQ(line.find("keywords"), std::string::npos);  // keywords go with places only
+
+  dry.updateExifForGPSLocation(*south, true, false, false, false, "", true, 0.0, 0.0, -3.9);
+  EXPECT_TRUE(dry.commandLines().size() == 1) << "a missing file gets no command";
+  dry.updateExifForGPSLocation(*south, true, false, false, false, path, true, 0.0, 0.0, -3.9);
+  EXPECT_NE(dry.commandLines()[1].find("\"-GPSLatitude=0.000000S\" \"-GPSLongitudeRef=W\" "
+                                       "\"-GPSLongitude=0.000000W\" \"-GPSAltitudeRef=Below Sea "
+                                       "Level\" \"-GPSAltitude=3\""),
+            std::string::npos);
+  dry.updateExifForGPSLocation(*south, true, false, false, false, path, true, 1.0, 1.0, 0.0);
+  EXPECT_EQ(dry.commandLines()[2].find("GPSAltitude"), std::string::npos);
+  EXPECT_EQ(read(path), bytes);  // a dry run runs nothing
+}
+
+TEST_F(ExifWriterTest, WritesThePositionThroughACopyKeepingTheModificationTime) {
+  const auto path = photo("a.jpg", "2012:05:01 10:30:00");
+  const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);
+  fs::last_write_time(path, old);
+  auto south = attached(path, -33.5, 151.25, 12.7);
+  LogCapture log;
+  ExifWriter writer;
+  writer.updateExifForGPSLocation(*south, true, false, false, false);
+  EXPECT_EQ(writer.written(), 1u);
+  const auto tags = ExifTool::exifTagsForFile(path);
+  ASSERT_TRUE(tags);
+  EXPECT_DOUBLE_EQ(ExifTool::latitudeFromDictionary(*tags), -33.5);
+  EXPECT_DOUBLE_EQ(ExifTool::longitudeFromDictionary(*tags), 151.25);
+  EXPECT_DOUBLE_EQ(ExifTool::elevationFromDictionary(*tags), 12);
+  EXPECT_EQ(fs::last_write_time(path), old);
+  EXPECT_TRUE(log.contains("File " + path + " copied successfully."));
+  EXPECT_FALSE(fs::exists(ExifWriter::temporaryFile()));
+}
+
+TEST_F(ExifWriterTest, TheTemporaryFileStaysInAPrivateFolder) {
+  const std::string sandbox = FileHandling::singleton().sandbox() + "/exiftool.img";
+  {
+    testing::ScopedEnvironment none("TMPDIR", std::nullopt);
+    EXPECT_EQ(ExifWriter::temporaryFile(), sandbox);
+  }
+  {
+    testing::ScopedEnvironment shared("TMPDIR", "/tmp/");
+    EXPECT_EQ(ExifWriter::temporaryFile(), sandbox);
+  }
+  ::chmod(scratch.path().c_str(), 0700);
+  testing::ScopedEnvironment own("TMPDIR", scratch.path().string() + "/");
+  EXPECT_EQ(ExifWriter::temporaryFile(), scratch.file("exiftool.img"));
+}
+
+TEST_F(ExifWriterTest, PlacesKeywordsAndTimesReadBack) {
+  const auto path = photo("a.jpg", "2011:01:01 00:00:00");
+  auto tagged = attached(path, 46.5, 7.5);
+  tagged->setCity("Zürich");
+  tagged->setState("ZH");
+  tagged->setCountry("Schweiz");
+  tagged->setIsoCountryCode("CH");
+  ExifWriter writer;
+  writer.updateExifForGPSLocation(*tagged, false, true, true, true);
+  writer.updateExifForGPSLocation(*tagged, false, true, true, true);  // no keyword twice
+  EXPECT_EQ(readTag(path, "IPTC:City"), "Zürich");
+  EXPECT_EQ(readTag(path, "XMP-iptcExt:LocationShownCity"), "Zürich");
+  EXPECT_EQ(readTag(path, "IPTC:Province-State"), "ZH");
+  EXPECT_EQ(readTag(path, "XMP:Country"), "Schweiz");
+  EXPECT_EQ(readTag(path, "XMP-iptcCore:CountryCode"), "CH");  // exiftool trims what it prints
+  ExifWriter dry(true);
+  dry.updateExifForGPSLocation(*tagged, false, true, true, false);
+  EXPECT_NE(dry.commandLines()[0].find("\"-XMP-iptcCore:CountryCode=CH \" "), std::string::npos);
+  EXPECT_EQ(dry.commandLines()[0].find("keywords-=CH"), std::string::npos);
+  EXPECT_EQ(readTag(path, "IPTC:Keywords"), "Zürich, ZH, Schweiz");
+  EXPECT_EQ(readTag(path, "XMP-dc:Subject"), "Zürich, ZH, Schweiz");
+  EXPECT_EQ(readTag(path, "DateTimeOriginal"), "2012:05:01 10:30:00");
+  EXPECT_EQ(readTag(path, "CreateDate"), "2012:05:01 10:30:00");
+  EXPECT_EQ(readTag(path, "GPSLatitude"), "");  // not asked for
+
+  // An absent value clears the stale tags.
+  tagged->setCity(std::nullopt);
+  writer.updateExifForGPSLocation(*tagged, false, true, false, false);
+  EXPECT_EQ(readTag(path, "IPTC:City"), "");
+  EXPECT_EQ(readTag(path, "XMP:City"), "");
+  EXPECT_EQ(readTag(path, "IPTC:Province-State"), "ZH");
+}
+
+TEST_F(ExifWriterTest, OtherFormatsGetASideFileByRawFileMode) {
+  const auto tiff = scratch.file("raw.tif");
+  ASSERT_TRUE(testing::makeTiff(tiff, {"DateTimeOriginal=2012:05:01 10:30:00", "Artist=Ann"}));
+  const std::string before = read(tiff);
+  const std::string side = scratch.file("raw.xmp");
+  auto raw = attached(tiff, 46.5, 7.25);
+
+  KvPreferences::singleton().setRawFileMode(0);
+  ExifWriter writer;
+  writer.updateExifForGPSLocation(*raw, true, false, false, false);
+  EXPECT_EQ(read(tiff), before);
+  EXPECT_EQ(readTag(side, "GPSLatitude"), "46.5");
+  EXPECT_EQ(readTag(side, "XMP:Artist"), "Ann");  // -tagsfromfile brought the photo's own tags
+  EXPECT_NE(writer.commandLines()[0].find(" -tagsfromfile " + FileHandling::filenameForShell(tiff) +
+                                          " -m -codedcharacterset=UTF8 -overwrite_original_in_place "),
+            std::string::npos);
+
+  KvPreferences::singleton().setRawFileMode(2);
+  raw->setCity("Bern");
+  writer.updateExifForGPSLocation(*raw, false, true, false, false);
+  EXPECT_EQ(read(tiff), before);
+  EXPECT_EQ(readTag(side, "XMP:City"), "Bern");
+  EXPECT_EQ(readTag(side, "GPSLatitude"), "46.5");  // updated in place, not rebuilt
+  EXPECT_EQ(writer.commandLines()[1].find("-tagsfromfile"), std::string::npos);
+
+  KvPreferences::singleton().setRawFileMode(1);  // written directly, like a JPEG
+  writer.updateExifForGPSLocation(*raw, true, false, false, false);
+  EXPECT_EQ(readTag(tiff, "GPSLongitude"), "7.25");
+}
+
+TEST_F(ExifWriterTest, APhotoExiftoolCannotWriteStaysUntouched) {
+  const auto bad = scratch.write("bad.jpg", "\xFF\xD8\xFF\xE1 not really a JPEG");
+  auto corrupt = attached(bad, 46.5, 7.5);
+  LogCapture log;
+  ExifWriter writer;
+  writer.updateExifForGPSLocation(*corrupt, true, true, true, true);
+  EXPECT_EQ(read(bad), "\xFF\xD8\xFF\xE1 not really a JPEG");
+  EXPECT_EQ(writer.failed(), 1u);
+  EXPECT_FALSE(log.contains("copied successfully"));
+
+  TrackPhoto loose(photo("loose.jpg", ""));  // no point, no position: not written
+  writer.updateExifForGPSLocation(loose, true, false, false, false);
+  EXPECT_EQ(writer.commandLines().size(), 1u);
+}
+
+TEST_F(ExifWriterTest, HostileNamesAndValuesAreWrittenLiterally) {
+  const std::vector<std::string> names = {
+      "it's \"quoted\".jpg", "$(touch pwned1).jpg", "`touch pwned2`.jpg", "two  spaces .jpg",
+      "new\nline.jpg",       "-leading dash.jpg",   "Zürich ø 東京.jpg",  "a;b|c&d>e.jpg"};
+  std::vector<TrackPhotoPtr> photos;
+  for (const auto& name : names) {
+    photos.push_back(attached(photo(name, ""), 47.25, 8.5, 400));
+    photos.back()->setCity("$(touch pwned3) `touch pwned4` \"x\" \\ 'y'");
+  }
+  ExifWriter writer;
+  writer.updateExifForGPSLocation(track, true, true, false, false);  // every point in order
+  EXPECT_EQ(writer.written(), names.size());
+  for (const auto& name : names) {
+    const std::string path = scratch.file(name);
+    EXPECT_EQ(readTag(path, "GPSLatitude"), "47.25") << name;
+    EXPECT_EQ(readTag(path, "IPTC:City"), "$(touch pwned3) `touch pwned4` \"x\" \\ 'y'") << name;
+  }
+  for (const char* planted : {"pwned1", "pwned2", "pwned3", "pwned4"}) {
+    EXPECT_FALSE(fs::exists(planted)) << planted;
+    EXPECT_FALSE(fs::exists(scratch.file(planted))) << planted;
+  }
+}
+
+TEST_F(ExifWriterTest, TheOtherIPhotoRenditionIsWrittenToo) {
+  fs::create_directories(scratch.path() / "Masters");
+  fs::create_directories(scratch.path() / "Previews");
+  const auto master = photo("Masters/IMG_1.jpg", "");
+  const auto preview = photo("Previews/IMG_1.jpg", "");
+  auto inLibrary = attached(master, 46.5, 7.5);
+  LogCapture log;
+  ExifWriter().updateExifForGPSLocation(*inLibrary, true, false, false, false);
+  EXPECT_TRUE(log.contains("Processing other iPhoto file: " + preview));
+  EXPECT_EQ(readTag(master, "GPSLatitude"), "46.5");
+  EXPECT_EQ(readTag(preview, "GPSLatitude"), "46.5");
+}
+
+}  // namespace
+}  // namespace kvtrack
