@@ -13,6 +13,7 @@ packages=(
   time
   gpsbabel
   libimage-exiftool-perl libvips-tools
+  libudev-dev
 )
 
 missing=()

@@ -3,6 +3,7 @@
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/support/Log.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DeviceCommands.h"
 #include "tools/wayfolio/LibrarySession.h"
 #include "tools/wayfolio/PhotoCommands.h"
 
@@ -60,6 +61,7 @@ int main(int argc, char** argv) {
   addTrackEditCommands(app, invocation);
   addExportCommands(app, invocation);
   addPhotoCommands(app, invocation);
+  addDeviceCommands(app, invocation);
 
   try {
     app.parse(argc, argv);

@@ -2,6 +2,9 @@
 
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 
+#include "kvtrack/devices/bg728/BG728.h"
+#include "kvtrack/devices/gt800/IGotUGT800.h"
+
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
@@ -33,6 +36,9 @@ GPSBabel& GPSBabel::singleton() {
     if (auto value = preferences.additionalArguments()) {
       created->additionalCommandlineOptions_ = std::move(value);
     }
+    // The built-in logger drivers, filed under their names.
+    created->registerDriver(std::make_shared<IGotUGT800>());
+    created->registerDriver(std::make_shared<BG728>());
     return created;
   }();
   return *instance;

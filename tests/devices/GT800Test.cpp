@@ -1,0 +1,346 @@
+// IGotUGT800 against an emulated logger on a real pseudo-terminal pair.
+
+#include "kvtrack/devices/gt800/IGotUGT800.h"
+
+#include "kvtrack/model/TrackPoint.h"
+#include "kvtrack/support/ISODate.h"
+#include "kvtrack/support/KvPreferences.h"
+#include "kvtrack/support/Log.h"
+#include "tests/devices/GT800Emulator.h"
+#include "tests/devices/PtyPair.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kvtrack {
+namespace {
+
+using test::GT800Emulator;
+using test::PtyPair;
+using Fault = GT800Emulator::Fault;
+
+int thisYear() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  return local.tm_year + 1900;
+}
+
+struct Fix {
+  uint8_t flags = 0;  // a plain track point
+  int year = 0;              // full year; only its place in the 16-year cycle is stored
+  int month = 5, day = 17, hour = 21, minute = 42, milliseconds = 30500;
+  int32_t latitude = 481234567, longitude = 115678901, elevationCm = 52049;
+  uint8_t satellites = 0x58;  // 5 found, 8 qualified
+};
+
+std::vector<uint8_t> record(const Fix& fix) {
+  std::vector<uint8_t> r(32, 0);
+  auto put32 = [&r](size_t at, int32_t value) {
+    const auto v = static_cast<uint32_t>(value);
+    r[at] = static_cast<uint8_t>(v >> 24);
+    r[at + 1] = static_cast<uint8_t>(v >> 16);
+    r[at + 2] = static_cast<uint8_t>(v >> 8);
+    r[at + 3] = static_cast<uint8_t>(v);
+  };
+  r[0] = fix.flags;
+  r[1] = static_cast<uint8_t>(((fix.year % 16) << 4) | fix.month);
+  r[2] = static_cast<uint8_t>((fix.day << 3) | (fix.hour >> 2));
+  r[3] = static_cast<uint8_t>(((fix.hour & 3) << 6) | fix.minute);
+  r[4] = static_cast<uint8_t>(fix.milliseconds >> 8);
+  r[5] = static_cast<uint8_t>(fix.milliseconds & 0xFF);
+  put32(12, fix.latitude);
+  put32(16, fix.longitude);
+  put32(20, fix.elevationCm);
+  r[29] = fix.satellites;
+  return r;
+}
+
+std::vector<uint8_t> debugRecord(const std::string& text) {
+  std::vector<uint8_t> r(32, 0);
+  r[0] = 0xF1;
+  std::copy(text.begin(), text.end(), r.begin() + 6);
+  return r;
+}
+
+ISODate utc(int year, int month, int day, int hour, int minute, int second) {
+  return *ISODate::isoDateWithString(fmt::format("{}-{:02}-{:02}T{:02}:{:02}:{:02}", year, month,
+                                                 day, hour, minute, second));
+}
+
+// Descriptors of this process open on the path (the pair itself keeps one).
+int openDescriptorsOn(const std::string& path) {
+  int count = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    std::error_code linkError;
+    if (std::filesystem::read_symlink(entry.path(), linkError) == path) ++count;
+  }
+  return count;
+}
+
+class GT800Test : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(pty_.valid());
+    setLogToStandardError(false);  // an erase logs thousands of lines
+    KvPreferences::singleton().setTimeZoneInMinutes(std::nullopt);
+    emulator_.start();
+    descriptorsBefore_ = openDescriptorsOn(pty_.slavePath());
+  }
+  void TearDown() override {
+    emulator_.stop();
+    setLogToStandardError(true);
+    KvPreferences::singleton().setTimeZoneInMinutes(std::nullopt);
+    IGotUGT800::setAlertCallback(nullptr);
+  }
+
+  // Runs the import off the test thread so that a hang fails the test instead of the suite.
+  std::optional<std::vector<TrackPtr>> download() {
+    auto result = std::async(std::launch::async,
+                             [this] { return driver_.importTracksFromDevice(pty_.slavePath(), {}); });
+    if (result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+      ADD_FAILURE() << "the download hung";
+      std::abort();
+    }
+    return result.get();
+  }
+  bool erase() {
+    auto result = std::async(std::launch::async,
+                             [this] { return driver_.deleteTracksFromDevice(pty_.slavePath(), {}); });
+    if (result.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
+      ADD_FAILURE() << "the erase hung";
+      std::abort();
+    }
+    return result.get();
+  }
+  bool portClosed() {
+    // After a hang-up the node is gone and even the pair's own descriptor no longer names it.
+    return driver_.port() == nullptr && openDescriptorsOn(pty_.slavePath()) <= descriptorsBefore_;
+  }
+
+  // Two tracks and a waypoint, with every kind of record the decoder skips.
+  void loadTwoTracks() {
+    const int year = thisYear() - 1;
+    std::vector<std::vector<uint8_t>> records;
+    Fix a{.flags = 0x40, .year = year};
+    records.push_back(record(a));
+    records.push_back(record(Fix{.year = year, .minute = 43, .milliseconds = 59999,
+                                 .latitude = -335000001, .longitude = -1200000000,
+                                 .elevationCm = 123456}));
+    records.push_back(debugRecord("FW 2.13 restart"));
+    records.push_back(record(Fix{.flags = 0x04, .year = year, .minute = 44, .milliseconds = 0,
+                                 .latitude = 481000000, .longitude = 115000000,
+                                 .elevationCm = -370}));
+    records.push_back(record(Fix{.flags = 0x10, .year = year, .minute = 45}));  // no fix
+    records.push_back(record(Fix{.year = year, .minute = 46, .satellites = 0x54}));  // 4 qualified
+    records.push_back(record(Fix{.year = year, .minute = 47, .satellites = 0x05}));  // none found
+    records.push_back(record(Fix{.flags = 0x50, .year = year, .minute = 48}));  // start, no fix
+    records.push_back(record(Fix{.flags = 0x40, .year = year, .day = 18, .hour = 6, .minute = 0,
+                                 .milliseconds = 1000, .elevationCm = 0}));
+    records.push_back(record(Fix{.year = year, .day = 18, .hour = 6, .minute = 1,
+                                 .milliseconds = 2999, .elevationCm = 99}));
+    for (size_t i = 0; i < records.size(); ++i) emulator_.putRecord(i, records[i]);
+    emulator_.setRecordCount(static_cast<uint32_t>(records.size()));
+  }
+
+  PtyPair pty_;
+  GT800Emulator emulator_{pty_};
+  LogCapture log_;
+  IGotUGT800 driver_;
+  int descriptorsBefore_ = 0;
+};
+
+TEST_F(GT800Test, DownloadSplitsTracksAndDecodesEveryField) {
+  loadTwoTracks();
+  const int year = thisYear() - 1;
+  auto tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  ASSERT_EQ(tracks->size(), 2u);
+
+  const TrackPtr first = (*tracks)[0];
+  ASSERT_EQ(first->loadedPointCount(), 3u);
+  const auto& p = first->trackPoints();
+  EXPECT_DOUBLE_EQ(p[0]->latitude(), 48.1234567);
+  EXPECT_DOUBLE_EQ(p[0]->longitude(), 11.5678901);
+  EXPECT_EQ(p[0]->elevation(), 520.0);  // 520.49 m truncated
+  EXPECT_EQ(p[0]->time()->microsecondsSince1970(),
+            utc(year, 5, 17, 21, 42, 30).microsecondsSince1970());
+  EXPECT_FALSE(p[0]->isWayPoint());
+  EXPECT_DOUBLE_EQ(p[1]->latitude(), -33.5000001);
+  EXPECT_DOUBLE_EQ(p[1]->longitude(), -120.0);
+  EXPECT_EQ(p[1]->elevation(), 1234.0);  // 1,234.56 m
+  EXPECT_EQ(p[1]->time()->microsecondsSince1970(),
+            utc(year, 5, 17, 21, 43, 59).microsecondsSince1970());  // 59,999 ms
+  EXPECT_EQ(p[2]->elevation(), -3.0);  // -3.7 m toward zero
+  EXPECT_TRUE(p[2]->isWayPoint());
+  EXPECT_EQ(p[2]->name(), std::optional<std::string>("WPT"));
+  EXPECT_EQ(first->name(), utc(year, 5, 17, 21, 42, 30).descriptionForGui());
+
+  // The unaccepted track start and the accepted one open a single new track.
+  const TrackPtr second = (*tracks)[1];
+  ASSERT_EQ(second->loadedPointCount(), 2u);
+  EXPECT_EQ(second->trackPoints()[0]->time()->microsecondsSince1970(),
+            utc(year, 5, 18, 6, 0, 1).microsecondsSince1970());
+  EXPECT_EQ(second->trackPoints()[1]->time()->microsecondsSince1970(),
+            utc(year, 5, 18, 6, 1, 2).microsecondsSince1970());
+  EXPECT_EQ(second->trackPoints()[1]->elevation(), 0.0);  // 0.99 m
+
+  EXPECT_EQ(driver_.modelType(), 1);
+  EXPECT_EQ(driver_.trackPointCount(), 10u);
+  EXPECT_EQ(emulator_.nmeaModes(), (std::vector<uint8_t>{3, 0}));
+  EXPECT_EQ(emulator_.badFrames(), 0);
+  EXPECT_TRUE(log_.contains("Debug: FW 2.13 restart"));
+  EXPECT_TRUE(log_.contains("Trackpoint Count: 10"));
+  EXPECT_TRUE(log_.contains("Reading block 0 of 1"));
+  EXPECT_TRUE(portClosed());
+}
+
+TEST_F(GT800Test, YearsAndTimeZone) {
+  const int year = thisYear();
+  // A place in the cycle later than this year's belongs to the previous cycle.
+  emulator_.putRecord(0, record(Fix{.year = year + 1}));
+  emulator_.putRecord(1, record(Fix{.year = year, .minute = 50}));
+  emulator_.setRecordCount(2);
+  KvPreferences::singleton().setTimeZoneInMinutes(120);
+  auto tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  ASSERT_EQ(tracks->size(), 1u);
+  const auto& p = tracks->front()->trackPoints();
+  ASSERT_EQ(p.size(), 2u);
+  EXPECT_EQ(p[0]->time()->calendarDate().year, year - 15);
+  EXPECT_EQ(p[1]->time()->microsecondsSince1970(),
+            utc(year, 5, 17, 21, 50, 30).microsecondsSince1970());
+  EXPECT_EQ(p[1]->time()->timezoneOffset(), 120);
+}
+
+TEST_F(GT800Test, ReadsEveryBlockAndAnEmptyLogger) {
+  // 300 records need three blocks; a count of 0 reads none.
+  for (size_t i = 0; i < 300; ++i) {
+    emulator_.putRecord(i, record(Fix{.year = thisYear(), .hour = static_cast<int>(i / 60),
+                                      .minute = static_cast<int>(i % 60)}));
+  }
+  emulator_.setRecordCount(300);
+  auto tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  ASSERT_EQ(tracks->size(), 1u);
+  EXPECT_EQ(tracks->front()->loadedPointCount(), 300u);
+  EXPECT_TRUE(log_.contains("Reading block 2 of 3"));
+
+  emulator_.setRecordCount(0);
+  log_.clear();
+  tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  ASSERT_EQ(tracks->size(), 1u);
+  EXPECT_EQ(tracks->front()->loadedPointCount(), 0u);
+  EXPECT_FALSE(log_.contains("Reading block"));
+}
+
+TEST_F(GT800Test, EraseWalksDownFromTheFirstSectorWithData) {
+  emulator_.putBytes(0, std::vector<uint8_t>(64, 0x11));  // the logger's own settings
+  loadTwoTracks();                                          // sector 1
+  emulator_.putBytes(5 * 4096, {0x00});                     // first data from the top
+  emulator_.putBytes(6 * 4096 + 100, {0x00});  // past the 16 bytes looked at: taken as empty
+  emulator_.setEraseBusyPolls(3);
+  std::string alert;
+  IGotUGT800::setAlertCallback([&alert](const std::string& message) { alert = message; });
+
+  EXPECT_TRUE(erase());
+  EXPECT_EQ(emulator_.erasedSectors(), (std::vector<size_t>{5, 4, 3, 2, 1}));
+  for (size_t s = 1; s <= 5; ++s) EXPECT_TRUE(emulator_.sectorIsErased(s)) << s;
+  EXPECT_FALSE(emulator_.sectorIsErased(0));
+  EXPECT_EQ(emulator_.image()[0], 0x11);
+  EXPECT_FALSE(emulator_.sectorIsErased(6));
+  EXPECT_EQ(emulator_.refusedErases(), 0);
+  EXPECT_EQ(emulator_.nmeaModes(), (std::vector<uint8_t>{3, 0}));
+  EXPECT_TRUE(log_.contains("Purging block: 6ff"));
+  EXPECT_TRUE(log_.contains("Ready."));
+  EXPECT_EQ(alert,
+            "The memory has been clear succesfully. Please disconnect the logger from your Mac to "
+            "perform a restart.");
+  EXPECT_TRUE(portClosed());
+}
+
+TEST_F(GT800Test, AnswersThatAreStillReadable) {
+  loadTwoTracks();
+  // Garbage the length of an acknowledgement is skipped; an acknowledgement
+  // and its data in one write are taken apart by count.
+  emulator_.setFault(Fault::kGarbageBeforeAnswer, 0x03);
+  auto tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  EXPECT_EQ(tracks->size(), 2u);
+
+  emulator_.setFault(Fault::kTwoAnswersInOneWrite, 0x03);
+  tracks = download();
+  ASSERT_TRUE(tracks.has_value());
+  EXPECT_EQ(tracks->size(), 2u);
+  EXPECT_TRUE(portClosed());
+}
+
+struct BrokenExchange {
+  Fault fault;
+  uint8_t command;
+  int occurrence;
+  const char* expectedLog;
+};
+
+class GT800BrokenTest : public GT800Test, public ::testing::WithParamInterface<BrokenExchange> {};
+
+TEST_P(GT800BrokenTest, FailsCleanlyWithNothingImported) {
+  // Three blocks, so that a failure in the second leaves data already read.
+  for (size_t i = 0; i < 300; ++i) emulator_.putRecord(i, record(Fix{.year = thisYear()}));
+  emulator_.setRecordCount(300);
+  emulator_.setFault(GetParam().fault, GetParam().command, GetParam().occurrence);
+  auto tracks = download();
+  EXPECT_FALSE(tracks.has_value());
+  EXPECT_TRUE(log_.contains(GetParam().expectedLog)) << ::testing::PrintToString(log_.lines());
+  EXPECT_TRUE(log_.contains("download from " + pty_.slavePath() + " failed"));
+  EXPECT_TRUE(portClosed());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    GT800Misbehaviour, GT800BrokenTest,
+    ::testing::Values(
+        BrokenExchange{Fault::kTruncatedData, 0x03, 1, "Error reading data: time-out"},
+        BrokenExchange{Fault::kSilence, 0x03, 1, "Error reading data: time-out (code 100, 0 of"},
+        BrokenExchange{Fault::kDropCommand, 0x9F, 0, "Error reading data: time-out"},
+        BrokenExchange{Fault::kGarbageInsteadOfAnswer, 0x0B, 0, "Error reading data: time-out"},
+        BrokenExchange{Fault::kHangUp, 0x03, 1, "Error reading data:"}),
+    [](const ::testing::TestParamInfo<BrokenExchange>& info) {
+      switch (info.param.fault) {
+        case Fault::kTruncatedData: return std::string("TruncatedRecords");
+        case Fault::kSilence: return std::string("Silence");
+        case Fault::kDropCommand: return std::string("WrongChecksum");
+        case Fault::kGarbageInsteadOfAnswer: return std::string("Garbage");
+        case Fault::kHangUp: return std::string("HangUp");
+        default: return std::string("Other");
+      }
+    });
+
+TEST_F(GT800Test, EraseThatBreaksOffShowsNoAlert) {
+  emulator_.putBytes(3 * 4096, {0x00});
+  emulator_.setFault(Fault::kHangUp, 0x20, 1);  // during the second sector
+  bool alerted = false;
+  IGotUGT800::setAlertCallback([&alerted](const std::string&) { alerted = true; });
+  EXPECT_FALSE(erase());
+  EXPECT_FALSE(alerted);
+  EXPECT_EQ(emulator_.erasedSectors(), (std::vector<size_t>{3}));
+  EXPECT_TRUE(log_.contains("erasing the logger at " + pty_.slavePath() + " failed"));
+  EXPECT_TRUE(portClosed());
+}
+
+TEST_F(GT800Test, MissingDevice) {
+  EXPECT_FALSE(driver_.importTracksFromDevice("/nonexistent/ttyGT800", {}).has_value());
+  EXPECT_FALSE(driver_.deleteTracksFromDevice("/nonexistent/ttyGT800", {}));
+  EXPECT_TRUE(log_.contains("could not open /nonexistent/ttyGT800"));
+}
+
+}  // namespace
+}  // namespace kvtrack

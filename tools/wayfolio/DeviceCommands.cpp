@@ -1,0 +1,268 @@
+// wayfolio devices, download and erase.
+#include "tools/wayfolio/DeviceCommands.h"
+
+#include "kvtrack/devices/bg728/BG728.h"
+#include "kvtrack/devices/gpsbabel/GPSBabel.h"
+#include "kvtrack/devices/gt800/IGotUGT800.h"
+#include "kvtrack/devices/serial/DownloadCancel.h"
+#include "kvtrack/devices/serial/ZtSerialPortList.h"
+#include "kvtrack/library/GpxImportConfiguration.h"
+#include "kvtrack/library/TrackLibrary.h"
+#include "kvtrack/library/TrackLibraryGPX.h"
+#include "kvtrack/support/FileHandling.h"
+#include "kvtrack/support/Log.h"
+#include "tools/wayfolio/CapturedStandardError.h"
+#include "tools/wayfolio/LibraryNames.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+namespace wayfolio {
+
+namespace fs = std::filesystem;
+using namespace kvtrack;
+
+namespace {
+
+struct DeviceOptions {
+  std::string type;
+  std::string device;
+  std::string into;
+  bool yes = false;
+  bool verbose = false;
+};
+
+// Ctrl-C during a download: the handler only writes to a pipe (all a signal
+// handler may do); a watcher thread cancels the open serial ports, so the
+// driver stops at its next read and nothing half-read is imported.
+int interruptPipe[2] = {-1, -1};
+
+extern "C" void onInterrupt(int) {
+  const int saved = errno;
+  const char cancel = 'c';
+  [[maybe_unused]] ssize_t ignored = ::write(interruptPipe[1], &cancel, 1);
+  errno = saved;
+}
+
+class InterruptGuard {
+ public:
+  InterruptGuard() {
+    resumeDownloads();
+    if (::pipe2(interruptPipe, O_CLOEXEC) != 0) return;
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, &previous_);
+    watcher_ = std::thread([this] {
+      char byte = 0;
+      while (::read(interruptPipe[0], &byte, 1) == 1 && byte == 'c') {
+        interrupted_ = true;
+        cancelRunningDownloads();
+      }
+    });
+  }
+  ~InterruptGuard() {
+    if (!watcher_.joinable()) return;
+    ::sigaction(SIGINT, &previous_, nullptr);
+    const char quit = 'q';
+    [[maybe_unused]] ssize_t ignored = ::write(interruptPipe[1], &quit, 1);
+    watcher_.join();
+    ::close(interruptPipe[0]);
+    ::close(interruptPipe[1]);
+    interruptPipe[0] = interruptPipe[1] = -1;
+    resumeDownloads();
+  }
+  InterruptGuard(const InterruptGuard&) = delete;
+  InterruptGuard& operator=(const InterruptGuard&) = delete;
+  bool interrupted() const { return interrupted_; }
+
+ private:
+  struct sigaction previous_ {};
+  std::thread watcher_;
+  std::atomic<bool> interrupted_{false};
+};
+
+// The bridge names devices relative to the device folder; a path elsewhere
+// moves the folder for this run so that any node (or file) can be used.
+void chooseDevice(const DeviceOptions& options) {
+  auto& files = FileHandling::singleton();
+  std::string name = options.device;
+  if (name.find('/') != std::string::npos) {
+    std::string folder = files.deviceFolder();
+    if (!folder.empty() && folder.back() != '/') folder += '/';
+    if (name.starts_with(folder)) {
+      name = name.substr(folder.size());
+    } else {
+      const fs::path path = fs::absolute(name);
+      files.setDeviceFolder(path.parent_path().string() + "/");
+      name = path.filename().string();
+    }
+  }
+  auto& babel = GPSBabel::singleton();
+  babel.setDevice(name);
+  babel.setDeviceType(options.type);
+  if (!babel.additionalCommandlineOptions()) babel.setAdditionalCommandlineOptions("");
+  const std::string sandbox = files.sandbox();
+  if (std::getenv("TMPDIR") == nullptr && !sandbox.empty()) ::setenv("TMPDIR", sandbox.c_str(), 0);
+}
+
+Outcome runDevices() {
+  const auto paths = ZtSerialPortList::enumeratePortPaths();
+  if (paths.empty()) {
+    fmt::print("No serial ports in {}\n", FileHandling::singleton().deviceFolder());
+    return {};
+  }
+  for (const auto& path : paths) {
+    if (::access(path.c_str(), R_OK | W_OK) == 0) fmt::print("{}\n", path);
+    else fmt::print("{} (no permission: add yourself to the dialout group)\n", path);
+  }
+  return {};
+}
+
+Outcome runDownload(const DeviceOptions& options) {
+  chooseDevice(options);
+  const std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) throw CommandError("no private folder for the download");
+  const std::string gpx = sandbox + "/download.gpx";
+  std::error_code ignored;
+  fs::remove(gpx, ignored);
+
+  std::fprintf(stderr, "Downloading from %s (%s) ...\n", options.device.c_str(), options.type.c_str());
+  std::fflush(stderr);
+  int status = 0;
+  bool interrupted = false;
+  std::string complaint;
+  {
+    InterruptGuard guard;
+    CapturedStandardError captured(!options.verbose);
+    status = GPSBabel::singleton().importTracksAndWaypointToFile(gpx);
+    complaint = captured.firstLine();
+    interrupted = guard.interrupted();
+  }
+  if (interrupted) {
+    fs::remove(gpx, ignored);
+    return Outcome{false, fmt::format("the download from {} was cancelled", options.device)};
+  }
+  if (status != 0) {
+    fs::remove(gpx, ignored);
+    std::string message = fmt::format("the download from {} failed (status {})", options.device, status);
+    if (!complaint.empty()) message += ": " + complaint;
+    return Outcome{false, message};
+  }
+
+  auto library = TrackLibrary::singleton();
+  bool created = false;
+  const TrackLibraryFolderPtr target = makeFolders(*library, options.into, created);
+  GpxImportConfiguration configuration;
+  configuration.setTrackIdPrefix("wayfolio");
+  configuration.setSetTimeZone(true);
+  std::fprintf(stderr, "Importing the download ...\n");
+  TrackLibraryGPX::setNextImportIsExternal();
+  const bool imported = target->importGPX(gpx, configuration);
+  fs::remove(gpx, ignored);
+  if (!imported) {
+    // Whatever the broken file yielded goes again: all or nothing.
+    for (const auto& track : configuration.importedTracks()) {
+      if (auto folder = folderOf(*track)) folder->deleteTrack(track);
+    }
+    return Outcome{created, fmt::format("the download from {} was not readable", options.device)};
+  }
+  const auto& tracks = configuration.importedTracks();
+  fmt::print("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
+             options.device, tracks.size(), configuration.identicalTrackCounter(),
+             configuration.importedPOIs().size());
+  for (const auto& track : tracks) fmt::print("  {} ({} points)\n", trackPath(*track), track->pointCount());
+  std::fflush(stdout);
+  return libraryChanged();
+}
+
+bool confirmed(const std::string& question) {
+  std::fprintf(stderr, "%s [y/N] ", question.c_str());
+  std::fflush(stderr);
+  std::string answer;
+  if (!std::getline(std::cin, answer)) return false;
+  return answer == "y" || answer == "Y" || answer == "yes" || answer == "YES" || answer == "Yes";
+}
+
+Outcome runErase(const DeviceOptions& options) {
+  if (!options.yes && !confirmed(fmt::format("Erase all tracks on {}?", options.device))) {
+    fmt::print("Nothing erased\n");
+    return {};
+  }
+  chooseDevice(options);
+  const std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) throw CommandError("no private folder for the erase");
+  int status = 0;
+  std::string complaint;
+  {
+    InterruptGuard guard;
+    CapturedStandardError captured(!options.verbose);
+    status = GPSBabel::singleton().deleteTracksAndWaypointToFile(sandbox + "/erase.gpx");
+    complaint = captured.firstLine();
+  }
+  if (status != 0) {
+    std::string message = fmt::format("the erase of {} failed (status {})", options.device, status);
+    if (!complaint.empty()) message += ": " + complaint;
+    return Outcome{false, message};
+  }
+  fmt::print("Erased the tracks on {}\n", options.device);
+  return {};
+}
+
+void addDeviceOptions(CLI::App* command, DeviceOptions& options) {
+  command->add_option("--type", options.type,
+                      "Logger type: *BG728, *i-gotUGT800, or a gpsbabel format (e.g. nmea, mtk)")
+      ->required();
+  command->add_option("--device", options.device, "Serial port, e.g. ttyUSB0 or /dev/ttyUSB0")
+      ->required();
+}
+
+}  // namespace
+
+void addDeviceCommands(CLI::App& app, Invocation& invocation) {
+  if (const char* folder = std::getenv("WAYFOLIO_DEVICE_FOLDER"); folder && *folder)
+    FileHandling::singleton().setDeviceFolder(folder);
+
+  CLI::App* devices = app.add_subcommand("devices", "List the serial ports GPS loggers can use");
+  devices->callback([&invocation] {
+    invocation.usesLibrary = false;
+    invocation.action = [] { return runDevices(); };
+  });
+
+  auto download = std::make_shared<DeviceOptions>();
+  CLI::App* downloadCommand = app.add_subcommand("download", "Download the tracks of a GPS logger");
+  addDeviceOptions(downloadCommand, *download);
+  downloadCommand->add_option("--into", download->into, "Library folder to import into (made when missing)");
+  downloadCommand->callback([&invocation, download] {
+    invocation.action = [&invocation, download] {
+      download->verbose = invocation.verbose;
+      return runDownload(*download);
+    };
+  });
+
+  auto erase = std::make_shared<DeviceOptions>();
+  CLI::App* eraseCommand = app.add_subcommand("erase", "Erase the tracks on a GPS logger");
+  addDeviceOptions(eraseCommand, *erase);
+  eraseCommand->add_flag("--yes", erase->yes, "Do not ask for confirmation");
+  eraseCommand->callback([&invocation, erase] {
+    invocation.usesLibrary = false;
+    invocation.action = [&invocation, erase] {
+      erase->verbose = invocation.verbose;
+      return runErase(*erase);
+    };
+  });
+}
+
+}  // namespace wayfolio
