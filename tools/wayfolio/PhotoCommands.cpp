@@ -7,6 +7,7 @@
 #include "kvtrack/photos/PhotoMatching.h"
 #include "kvtrack/support/FileHandling.h"
 #include "tools/wayfolio/LibraryNames.h"
+#include "tools/wayfolio/PhotoWriting.h"
 #include "tools/wayfolio/TextTable.h"
 
 #include <fmt/format.h>
@@ -46,31 +47,6 @@ struct GeotagOptions {
   bool dryRun = false;
 };
 
-struct WriteChoice {
-  bool gps = false, places = false, keywords = false, times = false;
-  bool any() const { return gps || places || keywords || times; }
-};
-
-WriteChoice parseWrite(const std::string& text) {
-  WriteChoice choice;
-  std::istringstream items(text);
-  for (std::string item; std::getline(items, item, ',');) {
-    if (item == "gps") {
-      choice.gps = true;
-    } else if (item == "places") {
-      choice.places = true;
-    } else if (item == "keywords") {
-      choice.keywords = choice.places = true;  // keywords are the place names
-    } else if (item == "times") {
-      choice.times = true;
-    } else {
-      throw CommandError(fmt::format(
-          "--write takes a comma-separated list of gps, places, keywords, times; not '{}'", item));
-    }
-  }
-  return choice;
-}
-
 bool isHidden(const fs::path& path) { return path.filename().string().starts_with('.'); }
 
 // Named files as given; folders walked recursively for photo files, without
@@ -104,27 +80,6 @@ std::vector<std::string> collectPhotos(const std::vector<std::string>& inputs) {
   }
   return files;
 }
-
-// "\r[3/10] name.jpg" on a terminal only.
-class Progress {
- public:
-  Progress() : shown_(::isatty(STDERR_FILENO) == 1) {}
-  ~Progress() { clear(); }
-  void show(const char* stage, size_t number, size_t count, const std::string& path) {
-    if (!shown_) return;
-    std::fprintf(stderr, "\r\033[K%s [%zu/%zu] %s", stage, number, count,
-                 fs::path(path).filename().string().c_str());
-    std::fflush(stderr);
-  }
-  void clear() {
-    if (!shown_) return;
-    std::fputs("\r\033[K", stderr);
-    std::fflush(stderr);
-  }
-
- private:
-  bool shown_;
-};
 
 void requireExiftool() {
   std::string version;
@@ -177,106 +132,6 @@ class Scratch {
 
  private:
   std::map<const Track*, TrackPtr> originals_;
-};
-
-// A photo attached in this run, with its point's position taken under the
-// track's lock (the writer then needs neither the point nor the lock).
-struct Attached {
-  TrackPhotoPtr photo;
-  double latitude = 0.0, longitude = 0.0, elevation = 0.0;
-};
-
-// Writes the attached photos on a thread of its own while matching goes
-// on: matching waits for exiftool's reads and writing for its writes, and
-// the persistent sessions serve both side by side. Writes keep their order.
-// A dry run records the command lines in the caller's thread.
-class PhotoWriting {
- public:
-  PhotoWriting(const WriteChoice& choice, bool dryRun) : choice_(choice), writer_(dryRun) {
-    if (!dryRun) worker_ = std::thread([this] { work(); });
-  }
-  ~PhotoWriting() { close(); }
-  PhotoWriting(const PhotoWriting&) = delete;
-  PhotoWriting& operator=(const PhotoWriting&) = delete;
-
-  void add(std::vector<Attached> photos) {
-    if (!worker_.joinable()) {
-      for (const auto& attached : photos) write(attached);
-      return;
-    }
-    {
-      std::lock_guard lock(mutex_);
-      for (auto& attached : photos) queue_.push_back(std::move(attached));
-      queued_ += photos.size();
-    }
-    changed_.notify_all();
-  }
-
-  /// Waits for the last write, showing progress; then reports and returns
-  /// the paths that could not be written.
-  std::vector<std::string> finish(bool dryRun) {
-    {
-      Progress progress;
-      std::unique_lock lock(mutex_);
-      while (done_ < queued_) {
-        progress.show("Writing", done_ + 1, queued_, current_);
-        changed_.wait_for(lock, std::chrono::milliseconds(100));
-      }
-    }
-    close();
-    if (dryRun) {
-      for (const auto& line : writer_.commandLines()) fmt::print("{}\n", line);
-    } else {
-      fmt::print("Wrote {} photos\n", writer_.written());
-    }
-    for (const auto& path : failed_) fmt::print("  not written: {}\n", path);
-    return failed_;
-  }
-
- private:
-  void write(const Attached& attached) {
-    const size_t failedBefore = writer_.failed();
-    writer_.updateExifForGPSLocation(*attached.photo, choice_.gps, choice_.places,
-                                     choice_.keywords, choice_.times, attached.latitude,
-                                     attached.longitude, attached.elevation);
-    if (writer_.failed() > failedBefore) failed_.push_back(attached.photo->originalFilepath());
-  }
-
-  void work() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      changed_.wait(lock, [this] { return closed_ || !queue_.empty(); });
-      if (queue_.empty()) return;  // closed and drained
-      const Attached next = std::move(queue_.front());
-      queue_.pop_front();
-      current_ = next.photo->originalFilepath();
-      lock.unlock();
-      write(next);
-      lock.lock();
-      ++done_;
-      changed_.notify_all();
-    }
-  }
-
-  void close() {
-    {
-      std::lock_guard lock(mutex_);
-      closed_ = true;
-    }
-    changed_.notify_all();
-    if (worker_.joinable()) worker_.join();
-  }
-
-  const WriteChoice choice_;
-  ExifWriter writer_;  // used by the worker only, until it is joined
-  std::vector<std::string> failed_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<Attached> queue_;
-  size_t queued_ = 0, done_ = 0;
-  std::string current_;
-  bool closed_ = false;
-  std::thread worker_;
 };
 
 struct Matching {

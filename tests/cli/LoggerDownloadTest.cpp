@@ -1,0 +1,168 @@
+// wayfolio download and erase against the built-in logger drivers. The
+// emulated loggers run on a thread of this test program, on the master side
+// of a pty pair; wayfolio opens the slave path given as --device.
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "tests/cli/WayfolioFixture.h"
+#include "tests/devices/BG728Emulator.h"
+#include "tests/devices/GT800Emulator.h"
+#include "tests/devices/PtyPair.h"
+
+namespace kvtrack::testing {
+namespace {
+
+using kvtrack::test::BG728Emulator;
+using kvtrack::test::BG728Point;
+using kvtrack::test::GT800Emulator;
+using kvtrack::test::PtyPair;
+
+int lastYear() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  return local.tm_year + 1900 - 1;
+}
+
+// One 32-byte GT-800 record: flags, packed date and time, then position and
+// elevation as big-endian integers (1e-7 degrees, centimetres).
+std::vector<std::uint8_t> gt800Record(std::uint8_t flags, int day, int hour, int minute,
+                                      std::int32_t latitude, std::int32_t longitude) {
+  const int year = lastYear();
+  const int month = 5;
+  const int milliseconds = 30000;
+  std::vector<std::uint8_t> r(GT800Emulator::kRecordSize, 0);
+  auto put32 = [&r](std::size_t at, std::int32_t value) {
+    const auto v = static_cast<std::uint32_t>(value);
+    r[at] = static_cast<std::uint8_t>(v >> 24);
+    r[at + 1] = static_cast<std::uint8_t>(v >> 16);
+    r[at + 2] = static_cast<std::uint8_t>(v >> 8);
+    r[at + 3] = static_cast<std::uint8_t>(v);
+  };
+  r[0] = flags;
+  r[1] = static_cast<std::uint8_t>(((year % 16) << 4) | month);
+  r[2] = static_cast<std::uint8_t>((day << 3) | (hour >> 2));
+  r[3] = static_cast<std::uint8_t>(((hour & 3) << 6) | minute);
+  r[4] = static_cast<std::uint8_t>(milliseconds >> 8);
+  r[5] = static_cast<std::uint8_t>(milliseconds & 0xFF);
+  put32(12, latitude);
+  put32(16, longitude);
+  put32(20, 52000);
+  r[29] = 0x58;  // 5 satellites found, 8 qualified
+  return r;
+}
+
+// Two tracks: three points on 17 May, two on 18 May, each opened by a track-start record.
+void loadTwoTracks(GT800Emulator& logger) {
+  std::vector<std::vector<std::uint8_t>> records;
+  for (int i = 0; i < 3; ++i) {
+    records.push_back(gt800Record(i == 0 ? 0x40 : 0x00, 17, 21, 40 + i, 481234567 + i * 1000,
+                                  115678901 + i * 1000));
+  }
+  for (int i = 0; i < 2; ++i) {
+    records.push_back(gt800Record(i == 0 ? 0x40 : 0x00, 18, 6, i, 471000000 + i * 1000,
+                                  85000000 + i * 1000));
+  }
+  for (std::size_t i = 0; i < records.size(); ++i) logger.putRecord(i, records[i]);
+  logger.setRecordCount(static_cast<std::uint32_t>(records.size()));
+}
+
+// The BG728 driver reads 64 bytes at a time and a shorter answer waits out
+// the driver's 30-second read time-out. Point answers of exactly 64 bytes are
+// taken at once, so only the time zone and count answers wait.
+std::vector<BG728Point> bg728Points() {
+  std::vector<BG728Point> points{
+      {"13:05:09", "031524", "48.13715400", "11.5754900", "519.300"},
+      {"13:05:14", "031524", "48.13730000", "11.5757000", "520.000"},
+  };
+  return points;
+}
+
+std::string bg728Answer(int index, const BG728Point& p) {
+  return BG728Emulator::sentence(fmt::format("BG728,0,17,{},{},{},{},{},{}", index, p.time, p.date,
+                                             p.latitude, p.longitude, p.elevation));
+}
+
+class LoggerDownloadTest : public WayfolioTest {
+ protected:
+  void SetUp() override { ASSERT_TRUE(pty.valid()); }
+  std::string device() const { return word(pty.slavePath()); }
+
+  PtyPair pty;
+};
+
+TEST_F(LoggerDownloadTest, GT800DownloadAddsBothTracks) {
+  GT800Emulator logger(pty);
+  loadTwoTracks(logger);
+  logger.start();
+  const WayfolioRun result = run("download --type '*i-gotUGT800' --device " + device());
+  logger.stop();
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find(": 2 tracks added"), std::string::npos) << result.out;
+  EXPECT_NE(lineWith(result.out, "(3 points)"), "") << result.out;
+  EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
+
+  const std::string listing = ok("ls");
+  EXPECT_EQ(lineCount(listing), 2u) << listing;
+  EXPECT_EQ(logger.badFrames(), 0);
+}
+
+TEST_F(LoggerDownloadTest, GT800EraseClearsTheDataSectorsAndKeepsSectorZero) {
+  GT800Emulator logger(pty);
+  logger.putBytes(0, std::vector<std::uint8_t>(64, 0x11));  // the logger's own settings
+  loadTwoTracks(logger);                                     // sector 1
+  logger.putBytes(3 * GT800Emulator::kSectorSize, {0x00});   // data up to sector 3
+  logger.setEraseBusyPolls(1);
+  logger.start();
+  const WayfolioRun result = run("erase --type '*i-gotUGT800' --yes --device " + device());
+  logger.stop();
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("Erased the tracks on"), std::string::npos) << result.out;
+  EXPECT_EQ(logger.erasedSectors(), (std::vector<std::size_t>{3, 2, 1}));
+  for (std::size_t s = 1; s <= 3; ++s) EXPECT_TRUE(logger.sectorIsErased(s)) << s;
+  EXPECT_FALSE(logger.sectorIsErased(0));
+  EXPECT_EQ(logger.image()[0], 0x11);
+  EXPECT_EQ(logger.refusedErases(), 0);
+}
+
+TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrack) {
+  const auto points = bg728Points();
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    ASSERT_EQ(bg728Answer(static_cast<int>(i), points[i]).size(), 64u) << i;
+  }
+  // Waits two read time-outs (time zone and count answers): about a minute.
+  BG728Emulator logger(pty);
+  logger.setPoints(points);
+  logger.setTimezone(1);
+  logger.start();
+  const WayfolioRun result = run("download --type '*BG728' --device " + device());
+  logger.stop();
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find(": 1 tracks added"), std::string::npos) << result.out;
+  EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
+  EXPECT_EQ(lineCount(ok("ls")), 1u);
+  EXPECT_EQ(logger.requests(),
+            (std::vector<std::string>{BG728Emulator::kTimezoneRequest, BG728Emulator::kCountRequest,
+                                      BG728Emulator::pointRequest(0),
+                                      BG728Emulator::pointRequest(1)}));
+}
+
+TEST_F(LoggerDownloadTest, BG728EraseClearsThePoints) {
+  // The delete answer is short, so the erase waits one read time-out (30 s).
+  BG728Emulator logger(pty);
+  logger.setPoints(bg728Points());
+  logger.start();
+  const WayfolioRun result = run("erase --type '*BG728' --yes --device " + device());
+  logger.stop();
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("Erased the tracks on"), std::string::npos) << result.out;
+  EXPECT_EQ(logger.storedPointCount(), 0u);
+  EXPECT_EQ(logger.countOf(BG728Emulator::kDeleteRequest), 1);
+}
+
+}  // namespace
+}  // namespace kvtrack::testing
