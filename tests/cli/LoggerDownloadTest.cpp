@@ -76,8 +76,8 @@ void loadTwoTracks(GT800Emulator& logger) {
 // taken at once, so only the time zone and count answers wait.
 std::vector<BG728Point> bg728Points() {
   std::vector<BG728Point> points{
-      {"13:05:09", "031524", "48.13715400", "11.5754900", "519.300"},
-      {"13:05:14", "031524", "48.13730000", "11.5757000", "520.000"},
+      {"13:05:09", "031524", "48.13715400", "11.5754900", "519.30"},
+      {"13:05:14", "031524", "48.13730000", "11.5757000", "520.00"},
   };
   return points;
 }
@@ -107,7 +107,9 @@ TEST_F(LoggerDownloadTest, GT800DownloadAddsBothTracks) {
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
 
   const std::string listing = ok("ls");
-  EXPECT_EQ(lineCount(listing), 2u) << listing;
+  EXPECT_EQ(lineCount(listing), 3u) << listing;  // a heading and the two tracks
+  EXPECT_NE(lineWith(listing, "May 17, "), "") << listing;
+  EXPECT_NE(lineWith(listing, "May 18, "), "") << listing;
   EXPECT_EQ(logger.badFrames(), 0);
 }
 
@@ -144,7 +146,9 @@ TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrack) {
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find(": 1 tracks added"), std::string::npos) << result.out;
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
-  EXPECT_EQ(lineCount(ok("ls")), 1u);
+  const std::string listing = ok("ls");
+  EXPECT_EQ(lineCount(listing), 2u) << listing;  // a heading and the track
+  EXPECT_NE(lineWith(listing, "Mar 15, 2024"), "") << listing;
   EXPECT_EQ(logger.requests(),
             (std::vector<std::string>{BG728Emulator::kTimezoneRequest, BG728Emulator::kCountRequest,
                                       BG728Emulator::pointRequest(0),
