@@ -5,6 +5,8 @@
 
 #include "kvtrack/model/Track.h"
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -24,6 +26,19 @@ class GpsDriver {
                                                                       const Options& options) = 0;
   /// Erases the logger's memory; true on success.
   virtual bool deleteTracksFromDevice(const std::string& device, const Options& options) = 0;
+
+  /// Hears how far a download is: done and total in the driver's unit
+  /// ("blocks", "points"). Set before a download; called on its thread.
+  using Progress = std::function<void(uint64_t done, uint64_t total, const char* unit)>;
+  void setProgress(Progress progress) { progress_ = std::move(progress); }
+
+ protected:
+  void reportProgress(uint64_t done, uint64_t total, const char* unit) const {
+    if (progress_) progress_(done, total, unit);
+  }
+
+ private:
+  Progress progress_;
 };
 
 }  // namespace kvtrack

@@ -228,7 +228,15 @@ TEST_F(GT800Test, ReadsEveryBlockAndAnEmptyLogger) {
                                       .minute = static_cast<int>(i % 60)}));
   }
   emulator_.setRecordCount(300);
+  std::vector<uint64_t> progress;
+  driver_.setProgress([&](uint64_t done, uint64_t total, const char* unit) {
+    EXPECT_EQ(total, 3u);
+    EXPECT_STREQ(unit, "blocks");
+    progress.push_back(done);
+  });
   auto tracks = download();
+  driver_.setProgress(nullptr);
+  EXPECT_EQ(progress, (std::vector<uint64_t>{1, 2, 3}));
   ASSERT_TRUE(tracks.has_value());
   ASSERT_EQ(tracks->size(), 1u);
   EXPECT_EQ(tracks->front()->loadedPointCount(), 300u);

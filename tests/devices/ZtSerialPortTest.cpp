@@ -61,6 +61,15 @@ TEST(ZtSerialPortOpen, MissingNodeFailsWithALogLine) {
   EXPECT_TRUE(log.contains("cannot open /nonexistent/ttyUSB9"));
 }
 
+TEST_F(ZtSerialPortTest, APortInUseIsReportedBusy) {
+  LogCapture log;
+  ZtSerialPort second(pty.slavePath(), "second", "tty");
+  EXPECT_FALSE(second.open());
+  EXPECT_TRUE(log.contains("is busy"));
+  port.close();
+  EXPECT_TRUE(second.open());  // free again once the first lets go
+}
+
 TEST_F(ZtSerialPortTest, ReadsExactCountAcrossSeveralWrites) {
   std::thread logger([&] {
     pty.send("abc");

@@ -146,8 +146,22 @@ Outcome runDownload(const DeviceOptions& options) {
   std::string complaint;
   {
     InterruptGuard guard;
+    // Blocks or points read, on a terminal only.
+    auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
+                                                : nullptr;
+    if (driver && ::isatty(STDERR_FILENO) == 1) {
+      driver->setProgress([](uint64_t done, uint64_t total, const char* unit) {
+        std::fprintf(stderr, "\r\033[KRead %llu of %llu %s", static_cast<unsigned long long>(done),
+                     static_cast<unsigned long long>(total), unit);
+        std::fflush(stderr);
+      });
+    }
     CapturedStandardError captured(!options.verbose);
     status = GPSBabel::singleton().importTracksAndWaypointToFile(gpx);
+    if (driver) {
+      driver->setProgress(nullptr);
+      if (::isatty(STDERR_FILENO) == 1) std::fputs("\r\033[K", stderr);
+    }
     complaint = captured.firstLine();
     interrupted = guard.interrupted();
   }

@@ -238,6 +238,7 @@ void BG728::processTrackPointResponse(const std::vector<std::string>& arguments)
     logf("BG728: Track point {} of {}: {}", index, numberOfTrackPoints_, timeText);
   }
   trackPointCounter_ = index + 1;
+  reportProgress(static_cast<uint64_t>(trackPointCounter_), static_cast<uint64_t>(numberOfTrackPoints_), "points");
   if (trackPointCounter_ == numberOfTrackPoints_) {
     currentTrack_->setTimezoneOffset(static_cast<int32_t>(timezone_ * 60));
     logf("BG728: Finished with timezone: {}", timezone_);

@@ -54,6 +54,8 @@ class GPSBabel {
 
   /// Files a built-in driver under its name (replacing one of that name).
   void registerDriver(std::shared_ptr<GpsDriver> driver);
+  /// The built-in driver filed under the name, or null.
+  std::shared_ptr<GpsDriver> driverNamed(const std::string& name) const;
 
   // --- parts of the settings ---------------------------------------------------
   /// The options before "!FILTER!" (all of them when there is none).
@@ -128,7 +130,6 @@ class GPSBabel {
     std::optional<std::string> device, deviceType, options;
   };
   Settings settings() const;
-  std::shared_ptr<GpsDriver> driverNamed(const std::string& name) const;
   /// deviceFolder + device_.
   std::string devicePath() const;
   /// Steps shared by download and erase: settings present, device repaired.

@@ -261,6 +261,7 @@ bool IGotUGT800::readTrackData() {
   std::vector<uint8_t> memory(blocks * kBlockSize);
   for (uint64_t i = 0; i < blocks; ++i) {
     logf("Reading block {} of {}", i, blocks);
+    reportProgress(i + 1, blocks, "blocks");
     std::optional<ZtSerialPort::Data> block =
         sendReadCommandForPosition(static_cast<uint32_t>(kBlockSize * (i + 1)), kBlockSize);
     if (!block) {

@@ -1,6 +1,7 @@
 #include "kvtrack/devices/serial/ZtSerialPort.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -62,6 +63,13 @@ bool ZtSerialPort::openWithFlags(int flags) {
     int e = errno;
     logf("serial port: cannot open {}: {}", bsdPath_, std::strerror(e));
     if (e == EACCES) logf("serial port: no permission for {} (is the user in the dialout group?)", bsdPath_);
+    return false;
+  }
+  // Another program holding the port would scramble the exchange: claim it
+  // and say clearly when it is taken.
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    logf("serial port: {} is busy (another program has it open)", bsdPath_);
+    ::close(fd);
     return false;
   }
   if (::tcgetattr(fd, &originalSettings_) != 0) {
