@@ -1,5 +1,7 @@
 #include "kvtrack/photos/ExifToolSession.h"
 
+#include "kvtrack/support/ExternalProgram.h"
+
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
 
@@ -48,20 +50,6 @@ bool assignmentSpacingChanges(std::string_view argument) {
       std::any_of(argument.begin(), argument.begin() + static_cast<std::ptrdiff_t>(equals), isPerlSpace);
   const bool spaceAfter = equals + 1 < argument.size() && argument[equals + 1] == ' ';
   return blankBefore || spaceAfter;
-}
-
-// The same environment rule as ExternalProgram: without a TMPDIR of the
-// user's own, temporary files go to our private folder, never a shared /tmp.
-std::vector<std::string> childEnvironment() {
-  std::vector<std::string> entries;
-  for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);
-  const char* temporary = std::getenv("TMPDIR");
-  if (temporary && *temporary) return entries;
-  std::string sandbox = FileHandling::singleton().sandbox();
-  if (sandbox.empty()) return entries;
-  std::erase_if(entries, [](const std::string& e) { return e.starts_with("TMPDIR="); });
-  entries.push_back("TMPDIR=" + sandbox);
-  return entries;
 }
 
 std::string currentFolder() {

@@ -20,20 +20,6 @@ namespace kvtrack {
 namespace {
 
 // Copies of the entries, so a concurrent setenv cannot pull them away.
-std::vector<std::string> childEnvironment() {
-  std::vector<std::string> entries;
-  for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);
-  const char* temporary = std::getenv("TMPDIR");
-  if (temporary && *temporary) return entries;
-  // Some programs write temporary files under fixed names. In a shared /tmp
-  // another user could plant links there or clash with us, so without a
-  // TMPDIR of the user's own choosing they get our private folder.
-  std::string sandbox = FileHandling::singleton().sandbox();
-  if (sandbox.empty()) return entries;
-  std::erase_if(entries, [](const std::string& e) { return e.starts_with("TMPDIR="); });
-  entries.push_back("TMPDIR=" + sandbox);
-  return entries;
-}
 
 // Starts /bin/sh -c commandLine with standard output on outputDescriptor
 // (-1: ours). The process id, or -1 (logged).
@@ -90,6 +76,21 @@ int waitForShell(pid_t pid) {
 }
 
 }  // namespace
+
+std::vector<std::string> childEnvironment() {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);
+  const char* temporary = std::getenv("TMPDIR");
+  if (temporary && *temporary) return entries;
+  // Some programs write temporary files under fixed names. In a shared /tmp
+  // another user could plant links there or clash with us, so without a
+  // TMPDIR of the user's own choosing they get our private folder.
+  std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) return entries;
+  std::erase_if(entries, [](const std::string& e) { return e.starts_with("TMPDIR="); });
+  entries.push_back("TMPDIR=" + sandbox);
+  return entries;
+}
 
 int runShellCommand(const std::string& commandLine) {
   logLine(commandLine);

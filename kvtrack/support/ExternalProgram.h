@@ -5,6 +5,7 @@
 // runs. Safe to call from any thread; the child reads /dev/null.
 
 #include <string>
+#include <vector>
 
 namespace kvtrack {
 
@@ -19,5 +20,10 @@ struct ShellOutput {
 };
 
 ShellOutput runShellCommandReadingOutput(const std::string& commandLine);
+
+/// The environment every child process gets: ours, with TMPDIR pointed at
+/// the private sandbox when we have none of our own (programs that write
+/// temporary files under fixed names must not do so in a shared /tmp).
+std::vector<std::string> childEnvironment();
 
 }  // namespace kvtrack
