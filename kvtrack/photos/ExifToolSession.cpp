@@ -137,18 +137,9 @@ bool ExifToolSession::start() {
   posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-  // exiftool gets a default SIGPIPE and no blocked signals, whatever we use.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t signals;
-  sigemptyset(&signals);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  sigaddset(&signals, SIGPIPE);
-  posix_spawnattr_setsigdefault(&attributes, &signals);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  const CleanChildAttributes attributes;  // default SIGPIPE, no blocked signals
   pid_t pid = -1;
-  const int error = posix_spawnp(&pid, program_.c_str(), &actions, &attributes, argv, envp.data());
-  posix_spawnattr_destroy(&attributes);
+  const int error = posix_spawnp(&pid, program_.c_str(), &actions, attributes.get(), argv, envp.data());
   posix_spawn_file_actions_destroy(&actions);
   ::close(in[0]);
   ::close(out[1]);

@@ -41,20 +41,10 @@ pid_t startShell(const std::string& commandLine, int outputDescriptor) {
   if (outputDescriptor >= 0) {
     posix_spawn_file_actions_adddup2(&actions, outputDescriptor, STDOUT_FILENO);
   }
-  // The child starts with no blocked signals and a default SIGPIPE even if
-  // this process ignores it; pipelines in the command rely on that.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t signals;
-  sigemptyset(&signals);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  sigaddset(&signals, SIGPIPE);
-  posix_spawnattr_setsigdefault(&attributes, &signals);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  const CleanChildAttributes attributes;
 
   pid_t pid = -1;
-  int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp.data());
-  posix_spawnattr_destroy(&attributes);
+  int error = posix_spawn(&pid, "/bin/sh", &actions, attributes.get(), argv, envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
     logf("external program: cannot start /bin/sh: {}", std::strerror(error));
@@ -76,6 +66,18 @@ int waitForShell(pid_t pid) {
 }
 
 }  // namespace
+
+CleanChildAttributes::CleanChildAttributes() {
+  posix_spawnattr_init(&attributes_);
+  sigset_t signals;
+  sigemptyset(&signals);
+  posix_spawnattr_setsigmask(&attributes_, &signals);
+  sigaddset(&signals, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes_, &signals);
+  posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+}
+
+CleanChildAttributes::~CleanChildAttributes() { posix_spawnattr_destroy(&attributes_); }
 
 std::vector<std::string> childEnvironment() {
   std::vector<std::string> entries;

@@ -4,6 +4,8 @@
 // with FileHandling::filenameForShell. The command line is logged before it
 // runs. Safe to call from any thread; the child reads /dev/null.
 
+#include <spawn.h>
+
 #include <string>
 #include <vector>
 
@@ -25,5 +27,20 @@ ShellOutput runShellCommandReadingOutput(const std::string& commandLine);
 /// the private sandbox when we have none of our own (programs that write
 /// temporary files under fixed names must not do so in a shared /tmp).
 std::vector<std::string> childEnvironment();
+
+/// Spawn attributes for a child that starts with no blocked signals and a
+/// default SIGPIPE, even when this process blocks or ignores them
+/// (pipelines and exiftool rely on that).
+class CleanChildAttributes {
+ public:
+  CleanChildAttributes();
+  ~CleanChildAttributes();
+  CleanChildAttributes(const CleanChildAttributes&) = delete;
+  CleanChildAttributes& operator=(const CleanChildAttributes&) = delete;
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_;
+};
 
 }  // namespace kvtrack
