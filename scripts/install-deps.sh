@@ -12,8 +12,10 @@ packages=(
   libicu-dev uuid-dev libxml2-dev libxml2-utils libpcre2-dev zlib1g-dev
   time
   gpsbabel
-  libimage-exiftool-perl libvips-tools
+  libimage-exiftool-perl libvips-tools libvips-dev
   libudev-dev
+  libzip-dev libplist-dev zip unzip
+  gdal-bin libplist-utils python3
 )
 
 missing=()

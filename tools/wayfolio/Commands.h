@@ -43,5 +43,7 @@ void addTrackInfoCommands(CLI::App& app, Invocation& invocation);  // show, poin
 void addFolderEditCommands(CLI::App& app, Invocation& invocation); // mkdir, mv, rename, rm, sort
 void addTrackEditCommands(CLI::App& app, Invocation& invocation);  // split, tz
 void addExportCommands(CLI::App& app, Invocation& invocation);     // export, convert
+void addZipCommand(CLI::App& app, Invocation& invocation);
+void addSyncCommand(CLI::App& app, Invocation& invocation);
 
 }  // namespace wayfolio

@@ -60,6 +60,8 @@ int main(int argc, char** argv) {
   addFolderEditCommands(app, invocation);
   addTrackEditCommands(app, invocation);
   addExportCommands(app, invocation);
+  addZipCommand(app, invocation);
+  addSyncCommand(app, invocation);
   addPhotoCommands(app, invocation);
   addDeviceCommands(app, invocation);
 

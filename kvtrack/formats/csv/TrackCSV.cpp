@@ -1,0 +1,1 @@
+#include "kvtrack/formats/csv/TrackCSV.h"

@@ -1,0 +1,1 @@
+#include "kvtrack/formats/kml/TrackKML.h"

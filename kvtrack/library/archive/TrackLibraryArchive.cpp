@@ -1,0 +1,1 @@
+#include "kvtrack/library/archive/TrackLibraryArchive.h"

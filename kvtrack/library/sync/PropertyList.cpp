@@ -1,0 +1,1 @@
+#include "kvtrack/library/sync/PropertyList.h"

@@ -1,0 +1,1 @@
+#include "kvtrack/support/Gzip.h"
