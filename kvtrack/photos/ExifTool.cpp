@@ -323,10 +323,12 @@ bool ExifTool::canWriteToFile(const std::string& path) {
 // --- writing ------------------------------------------------------------------
 
 int ExifTool::copyTagsFrom(const std::string& source, const std::string& target) {
+  std::string summary;  // "1 image files updated" means nothing to our users
   return execute(fmt::format("{} -overwrite_original_in_place -tagsFromFile {} {}",
                              FileHandling::filenameForShell(exiftoolPath()),
                              FileHandling::filenameForShell(source),
-                             FileHandling::filenameForShell(target)));
+                             FileHandling::filenameForShell(target)),
+                 &summary);
 }
 
 }  // namespace kvtrack

@@ -1,45 +1,30 @@
-// wayfolio export and convert: GPX files out of the library, and gpsbabel
-// conversions that do not touch the library at all.
+// wayfolio export and convert: GPX, KML, KMZ and CSV files out of the
+// library, and gpsbabel conversions that do not touch the library at all.
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
+#include "kvtrack/formats/csv/TrackCSV.h"
 #include "kvtrack/formats/gpx/TrackGPX.h"
+#include "kvtrack/formats/kml/TrackKML.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/ExportProblems.h"
 #include "tools/wayfolio/LibraryNames.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <memory>
 
 namespace wayfolio {
 
-namespace fs = std::filesystem;
 using namespace kvtrack;
 
 namespace {
 
-// The GPX writer only says that it failed; this says why, where it can.
-std::string writeProblem(const std::string& path) {
-  std::error_code error;
-  if (fs::is_directory(path, error)) return "it is a folder";
-  fs::path folder = fs::path(path).parent_path();
-  if (folder.empty()) folder = ".";
-  if (!fs::is_directory(folder, error)) return fmt::format("there is no folder {}", folder.string());
-  if (::access(folder.c_str(), W_OK) != 0) return std::strerror(errno);
-  return "the file could not be written";
-}
-
 struct ExportOptions {
-  std::string item, gpx;
+  std::string item, gpx, kml, kmz, csv;
+  bool noPhotos = false;
 };
 
-Outcome exportGpx(const ExportOptions& options) {
-  const auto library = TrackLibrary::singleton();
-  const LibraryItem item = findItem(*library, options.item);
+void exportGpx(const LibraryItem& item, const ExportOptions& options) {
   GpxExportConfiguration configuration;
   bool written = false;
   if (item.track) {
@@ -52,12 +37,34 @@ Outcome exportGpx(const ExportOptions& options) {
     // The writer's own track plays no part when it is given the list.
     written = TrackGPX(tracks.front()).exportTo(options.gpx, tracks, configuration);
   }
-  if (!written) {
-    throw CommandError(fmt::format("could not write {}: {}", options.gpx, writeProblem(options.gpx)));
-  }
-  return {};
+  if (!written) throw CommandError(cannotWrite(options.gpx));
 }
 
+Outcome exportItem(const ExportOptions& options) {
+  const auto library = TrackLibrary::singleton();
+  const LibraryItem item = findItem(*library, options.item);
+  if (!options.gpx.empty()) {
+    exportGpx(item, options);
+    return {};
+  }
+  if (!item.track) {
+    throw CommandError(fmt::format("'{}' is a folder: only --gpx exports a whole folder",
+                                   options.item));
+  }
+  if (!options.csv.empty()) {
+    if (!TrackCSV::trackCSVWithTrack(item.track)->exportTo(options.csv)) {
+      throw CommandError(cannotWrite(options.csv));
+    }
+    return {};
+  }
+  const bool kmz = !options.kmz.empty();
+  const std::string& target = kmz ? options.kmz : options.kml;
+  ExportProblems problems;
+  const bool written = exportKml(item.track, target, !options.noPhotos, kmz);
+  problems.report();
+  if (!written) throw CommandError(cannotWrite(target));
+  return {};
+}
 struct ConvertOptions {
   std::string input, output, format;
   bool verbose = false;
@@ -80,12 +87,18 @@ Outcome convert(const ConvertOptions& options) {
 
 void addExportCommands(CLI::App& app, Invocation& invocation) {
   auto exporting = std::make_shared<ExportOptions>();
-  CLI::App* exportCommand =
-      app.add_subcommand("export", "Write a track, or every track of a folder, as one GPX file");
-  exportCommand->add_option("item", exporting->item, "Track or folder")->required();
-  exportCommand->add_option("--gpx", exporting->gpx, "The GPX file to write")->required();
+  CLI::App* exportCommand = app.add_subcommand(
+      "export", "Write a track as GPX, KML, KMZ or CSV, or every track of a folder as one GPX file");
+  exportCommand->add_option("item", exporting->item, "Track (or folder, for --gpx)")->required();
+  auto* formats = exportCommand->add_option_group("format", "The file to write");
+  formats->add_option("--gpx", exporting->gpx, "GPX file");
+  formats->add_option("--kml", exporting->kml, "KML file for Google Earth (photos by their paths)");
+  formats->add_option("--kmz", exporting->kmz, "KMZ archive: KML with scaled copies of the photos");
+  formats->add_option("--csv", exporting->csv, "Semicolon-separated table (UTF-16) of the points");
+  formats->require_option(1);
+  exportCommand->add_flag("--no-photos", exporting->noPhotos, "Leave photos out of KML and KMZ");
   exportCommand->callback([&invocation, exporting] {
-    invocation.action = [exporting] { return exportGpx(*exporting); };
+    invocation.action = [exporting] { return exportItem(*exporting); };
   });
 
   auto converting = std::make_shared<ConvertOptions>();

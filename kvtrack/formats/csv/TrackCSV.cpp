@@ -1,1 +1,170 @@
 #include "kvtrack/formats/csv/TrackCSV.h"
+
+#include "kvtrack/support/KvPreferences.h"
+#include "kvtrack/support/Localization.h"
+#include "kvtrack/support/Log.h"
+#include "kvtrack/support/UnitConverter.h"
+
+#include <sys/stat.h>
+#include <unicode/locid.h>
+#include <unicode/numberformatter.h>
+#include <unicode/unistr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace kvtrack {
+namespace {
+
+struct Units {
+  const char* elevation;
+  const char* speed;
+  double (*convertElevation)(double metres);
+  double (*convertSpeed)(double kilometresPerHour);
+};
+
+Units unitsForMode(int mode) {
+  // A speed is a length per hour, so km/h become metres per hour before the
+  // length conversion. A never computed speed (-1) is converted like any other.
+  switch (mode) {
+    case KvPreferences::kUnitModeFeetAndMph:
+      return {"ft", "mph", UnitConverter::metersToFeet,
+              [](double kmh) { return UnitConverter::metersToMiles(kmh * 1000.0); }};
+    case KvPreferences::kUnitModeFeetAndKnots:
+      return {"ft", "knots", UnitConverter::metersToFeet,
+              [](double kmh) { return UnitConverter::metersToNauticalMiles(kmh * 1000.0); }};
+    default:
+      return {"m", "km/h", [](double m) { return m; }, [](double kmh) { return kmh; }};
+  }
+}
+
+icu::UnicodeString utf16(const std::string& text) {
+  return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+}
+
+// Writes all bytes, retrying after signals and short writes.
+bool writeAll(int fd, const std::vector<char>& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = EIO;  // no progress and no reason given
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// The target is replaced only by a complete file: written beside it under a
+// temporary name, synced, then renamed over it.
+bool writeFileAtomically(const std::string& path, const std::vector<char>& bytes) {
+  const std::filesystem::path target(path);
+  std::string temporary =
+      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+  const int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    logf("Error writing file: {} ({})", path, std::strerror(errno));
+    return false;
+  }
+  ::fchmod(fd, 0644);
+  int error = writeAll(fd, bytes) && ::fsync(fd) == 0 ? 0 : errno;
+  if (::close(fd) != 0 && error == 0) error = errno;
+  if (error != 0) {
+    ::unlink(temporary.c_str());
+    logf("Error writing file: {} ({})", path, std::strerror(error));
+    return false;
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int renameError = errno;
+    ::unlink(temporary.c_str());
+    logf("Error writing file: {} ({})", path, std::strerror(renameError));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+TrackCSV::TrackCSV(std::shared_ptr<Track> track) : track_(std::move(track)) {}
+
+std::shared_ptr<TrackCSV> TrackCSV::trackCSVWithTrack(std::shared_ptr<Track> track) {
+  return std::make_shared<TrackCSV>(std::move(track));
+}
+
+bool TrackCSV::exportTo(const std::string& path) {
+  const Units units = unitsForMode(
+      KvPreferences::singleton().unitMode().value_or(KvPreferences::kUnitModeMetric));
+  // Up to 10 decimals (about 0.01 mm in degrees) keep every recorded digit
+  // without binary noise; no grouping, so spreadsheets read the values back.
+  const auto numbers = icu::number::NumberFormatter::withLocale(icu::Locale::getDefault())
+                           .precision(icu::number::Precision::maxFraction(10))
+                           .grouping(UNUM_GROUPING_OFF);
+  const auto number = [&numbers](double value) {
+    UErrorCode status = U_ZERO_ERROR;
+    return numbers.formatDouble(value, status).toString(status);
+  };
+
+  icu::UnicodeString text;
+  const auto title = [&text](const char* english) { text += utf16(localizedString(english)); };
+  title("Index");
+  text += u';';
+  title("Time");
+  text += u';';
+  title("Latitude");
+  text += u';';
+  title("Longitude");
+  text += u';';
+  title("Elevation");
+  text += utf16(std::string(" (") + units.elevation + ")");
+  text += u';';
+  title("Speed");
+  text += utf16(std::string(" (") + units.speed + ")");
+  text += u';';
+  title("Waypoint");
+  text += u';';
+  title("Name");
+  text += u'\n';
+
+  if (track_) {
+    std::lock_guard<Track> lock(*track_);
+    int index = 0;
+    for (const TrackPointPtr& point : track_->trackPoints()) {
+      text += utf16(std::to_string(++index));
+      text += u';';
+      if (const auto time = point->time()) text += utf16(time->descriptionForGui());
+      text += u';';
+      text += number(point->latitude());
+      text += u';';
+      text += number(point->longitude());
+      text += u';';
+      text += number(units.convertElevation(point->elevation()));
+      text += u';';
+      text += number(units.convertSpeed(point->speed()));
+      text += u';';
+      if (point->isWayPoint()) text += u'x';
+      text += u';';
+      if (const auto& name = point->name()) text += utf16(*name);
+      text += u'\n';
+    }
+  }
+
+  // UTF-16 little-endian after the byte-order mark FF FE.
+  std::vector<char> bytes;
+  bytes.reserve(2 + 2 * static_cast<size_t>(text.length()));
+  bytes.push_back(static_cast<char>(0xFF));
+  bytes.push_back(static_cast<char>(0xFE));
+  for (int32_t i = 0; i < text.length(); ++i) {
+    const char16_t unit = text.charAt(i);
+    bytes.push_back(static_cast<char>(unit & 0xFF));
+    bytes.push_back(static_cast<char>(unit >> 8));
+  }
+  return writeFileAtomically(path, bytes);
+}
+
+}  // namespace kvtrack

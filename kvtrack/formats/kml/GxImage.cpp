@@ -1,1 +1,81 @@
 #include "kvtrack/formats/kml/GxImage.h"
+
+#include "kvtrack/support/Log.h"
+
+#include <vips/vips.h>
+
+#include <algorithm>
+#include <cmath>
+#include <mutex>
+
+namespace kvtrack {
+
+namespace {
+
+bool startVips() {
+  static std::once_flag once;
+  static bool started = false;
+  std::call_once(once, [] {
+    started = VIPS_INIT("kvtrack") == 0;
+    if (!started) {
+      logf("GxImage: libvips could not start: {}", vips_error_buffer());
+      return;
+    }
+    // Every photo is opened once; caching decoded operations only costs memory.
+    vips_cache_set_max(0);
+  });
+  return started;
+}
+
+// libvips keeps errors in a per-thread buffer; take the text and clear it.
+std::string takeVipsError() {
+  std::string text = vips_error_buffer();
+  vips_error_clear();
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  if (const auto newline = text.find('\n'); newline != std::string::npos) text.resize(newline);
+  return text.empty() ? "unknown error" : text;
+}
+
+struct ImageUnref {
+  void operator()(VipsImage* image) const { g_object_unref(image); }
+};
+using ImageHandle = std::unique_ptr<VipsImage, ImageUnref>;
+
+}  // namespace
+
+std::optional<GxImage> GxImage::imageWithPath(const std::string& path) {
+  if (!startVips()) return std::nullopt;
+  // Opening reads the header only; pixels are decoded when a copy is made.
+  ImageHandle image(vips_image_new_from_file(path.c_str(), nullptr));
+  if (!image) {
+    logf("GxImage: cannot open image {}: {}", path, takeVipsError());
+    return std::nullopt;
+  }
+  const int width = vips_image_get_width(image.get());
+  const int height = vips_image_get_height(image.get());
+  const int orientation = std::clamp(vips_image_get_orientation(image.get()), 1, 8);
+  return GxImage(path, width, height, orientation);
+}
+
+bool GxImage::writeScaledJpeg(const std::string& target, int width, int height,
+                              float quality) const {
+  if (width <= 0 || height <= 0 || !startVips()) return false;
+  VipsImage* raw = nullptr;
+  // The size is forced: width and height already keep the aspect ratio, up to
+  // rounding. The pixels stay as stored; the orientation tag copied over with
+  // the rest of the metadata turns them for display, as in the original.
+  if (vips_thumbnail(path_.c_str(), &raw, width, "height", height, "size", VIPS_SIZE_FORCE,
+                     "no_rotate", TRUE, "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
+    logf("GxImage: cannot decode {}: {}", path_, takeVipsError());
+    return false;
+  }
+  ImageHandle scaled(raw);
+  const int q = std::clamp(static_cast<int>(std::lround(quality * 100.0f)), 1, 100);
+  if (vips_jpegsave(scaled.get(), target.c_str(), "Q", q, "strip", TRUE, nullptr) != 0) {
+    logf("GxImage: cannot write {}: {}", target, takeVipsError());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace kvtrack
