@@ -77,7 +77,10 @@ bool writeLibraryFileAtomically(const std::string& path,
 void LibraryTrackStore::loadTrack(Track& track) {
   const std::string path = library_.folder() + "/" + track.filename().value_or("");
   if (track.filename() && std::filesystem::exists(path)) {
-    TrackGPX(borrowed(track)).importFrom(path);
+    // A damaged file may stop the reader inside the track's name; the index
+    // keeps the name the user gave, so a failed read must not change it.
+    const std::string name = track.name();
+    if (!TrackGPX(borrowed(track)).importFrom(path)) track.setName(name);
   }
   track.setIsDirty(false);
   track.setIsLoaded(true);

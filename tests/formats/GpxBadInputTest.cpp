@@ -183,5 +183,22 @@ TEST(GpxBadInput, MissingAndBinaryFiles) {
   EXPECT_TRUE(garbage.track->trackPoints().empty());
 }
 
+TEST(GpxBadInput, ControlCharactersInNamesAreDroppedOnWrite) {
+  // XML has no way to carry them: the file must still read back.
+  ScratchFolder folder;
+  auto track = Track::trackWithName("Ridge\x01\x1f walk\ttab");
+  auto point = TrackPoint::trackPointWithParent(track.get());
+  point->setName("Hut\x0b");
+  point->setIsWayPoint(true);
+  track->addTrackPoint(point);
+  const std::string path = folder.file("control.gpx");
+  GpxExportConfiguration configuration;
+  ASSERT_TRUE(TrackGPX(track).exportTo(path, configuration));
+  auto read = readFile(path);
+  ASSERT_TRUE(read.ok);
+  EXPECT_EQ(read.track->name(), "Ridge walk\ttab");
+  EXPECT_NE(ScratchFolder::read(path).find("<name>Hut</name>"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace kvtrack

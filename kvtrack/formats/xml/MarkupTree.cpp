@@ -1,5 +1,7 @@
 #include "kvtrack/formats/xml/MarkupTree.h"
 
+#include "kvtrack/formats/xml/XmlText.h"
+
 #include <libxml/tree.h>
 
 namespace kvtrack::xml {
@@ -8,11 +10,16 @@ namespace {
 
 // The escaping libxml2 applies when it saves text and attribute values in
 // UTF-8: bytes above 0x7f pass through unchanged. Runs without special
-// characters are copied in one piece.
+// characters are copied in one piece. Characters XML forbids are dropped.
 template <typename Replacement>
 void appendEscaped(std::string& out, std::string_view text, Replacement replacement) {
   size_t start = 0;
   for (size_t i = 0; i < text.size(); ++i) {
+    if (isForbiddenInXml(text[i])) {
+      out.append(text.data() + start, i - start);
+      start = i + 1;
+      continue;
+    }
     const std::string_view escaped = replacement(text[i]);
     if (escaped.empty()) continue;
     out.append(text.data() + start, i - start);

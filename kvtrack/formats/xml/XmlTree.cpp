@@ -1,5 +1,7 @@
 #include "kvtrack/formats/xml/XmlTree.h"
 
+#include "kvtrack/formats/xml/XmlText.h"
+
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlsave.h>
@@ -36,11 +38,13 @@ XmlElement XmlElement::addChild(std::string_view name, std::string_view text, Xm
 }
 
 void XmlElement::setAttribute(std::string_view name, std::string_view value) {
-  const std::string v(value);
+  const std::string v = withoutForbiddenXmlCharacters(value);
   xmlNewProp(node_, intern(node_, name), chars(v));
 }
 
 void XmlElement::addText(std::string_view text) {
+  std::string kept;
+  if (hasForbiddenXmlCharacters(text)) text = kept = withoutForbiddenXmlCharacters(text);
   if (text.empty()) return;
   xmlNode* t = xmlNewDocTextLen(node_->doc, reinterpret_cast<const xmlChar*>(text.data()),
                                 static_cast<int>(text.size()));
