@@ -3,6 +3,7 @@
 #include "kvtrack/library/GpxImportConfiguration.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackLibraryGPX.h"
+#include "kvtrack/photos/ExifTool.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
 #include "tools/wayfolio/CapturedStandardError.h"
@@ -38,7 +39,8 @@ struct ImportOptions {
 bool isHidden(const fs::path& path) { return path.filename().string().starts_with('.'); }
 
 // Named files as given (missing ones are reported later); folders walked
-// recursively, without hidden entries, in path order.
+// recursively, without hidden entries and photos (a trip folder often holds
+// both; photos go to geotag), in path order.
 std::vector<std::string> collectFiles(const std::vector<std::string>& inputs) {
   std::vector<std::string> files;
   for (const auto& input : inputs) {
@@ -55,7 +57,9 @@ std::vector<std::string> collectFiles(const std::vector<std::string>& inputs) {
         if (it->is_directory(error)) it.disable_recursion_pending();
         continue;
       }
-      if (it->is_regular_file(error)) found.push_back(it->path().string());
+      if (it->is_regular_file(error) && !ExifTool::isPhotoExtension(it->path().string())) {
+        found.push_back(it->path().string());
+      }
     }
     std::sort(found.begin(), found.end());
     files.insert(files.end(), found.begin(), found.end());

@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 
 namespace kvtrack {
@@ -56,6 +57,18 @@ bool prepareScratchFolder(const std::string& folder) {
   return true;
 }
 
+// zip builds the archive as a private temporary file and renames it, which
+// leaves it readable by its owner only; other files we write follow the umask.
+void giveUsualPermissions(const std::string& path) {
+  unsigned mask = 022;
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("Umask:", 0) == 0) mask = static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+  }
+  std::error_code error;
+  fs::permissions(path, static_cast<fs::perms>(0666 & ~mask), error);
+}
+
 bool packFolder(const std::string& folder, const std::string& target) {
   // zip runs inside the folder, so a relative target must be made absolute.
   std::error_code error;
@@ -68,7 +81,9 @@ bool packFolder(const std::string& folder, const std::string& target) {
                                          FileHandling::filenameForShell(absoluteTarget));
   const int status = runShellCommand(script);
   if (status != 0) logf("TrackKML: zip ended with status {} for {}", status, target);
-  return fs::exists(target, error);
+  if (!fs::exists(target, error)) return false;
+  giveUsualPermissions(target);
+  return true;
 }
 
 std::mutex& scratchFolderMutex() {
