@@ -10,6 +10,7 @@
 namespace kvtrack {
 
 class Track;
+class TrackPhoto;
 
 class ICloudSynchronizer {
  public:
@@ -26,6 +27,14 @@ class ICloudSynchronizer {
   virtual std::optional<std::string> urlForThumbnailPhotoId(const std::string& /*photoId*/) const {
     return std::nullopt;
   }
+  /// Takes the photo file at filepath into the store; the photo's new id
+  /// there, or absent when it was not taken.
+  virtual std::optional<std::string> movePhotoToiCloud(const std::string& /*filepath*/,
+                                                       TrackPhoto& /*photo*/) {
+    return std::nullopt;
+  }
+  /// Asks for a local copy of the file at the URL; returns at once.
+  virtual void downloadFileIfNotAvailable(const std::string& /*url*/) {}
 };
 
 }  // namespace kvtrack

@@ -2,13 +2,19 @@
 
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"
+#include "kvtrack/library/TrackStorage.h"
 #include "kvtrack/support/CaseInsensitive.h"
+#include "kvtrack/support/FileHandling.h"
+#include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/KvPreferences.h"
+#include "kvtrack/support/Log.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
+#include <iterator>
 
 namespace kvtrack {
 
@@ -73,6 +79,39 @@ void TrackLibraryFolder::addTrack(const TrackPtr& track, std::string name, std::
   track->setParent(shared_from_this());
   track->setName(std::move(name));
   track->setFilename(std::move(filename));
+}
+
+TrackPtr TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    logf("Error reading file: {}", path);
+    return nullptr;
+  }
+  const std::string compressed(std::istreambuf_iterator<char>(in), {});
+  const std::optional<std::string> gpx = gzipInflate(compressed);
+  if (!gpx) return nullptr;  // gzipInflate said why
+
+  Lock lock(*this);
+  const auto library = TrackLibrary::current();
+  auto track = Track::trackWithName(std::move(name));
+  track->setFilename(fmt::format("Track{:08}.gpx", library ? library->trackCounter() : 0));
+  if (library) library->increaseTrackCounter();
+  const std::string folder =
+      library ? library->folder() : FileHandling::singleton().userApplicationSupport();
+  // Like every library file, replaced only by a complete one.
+  const bool written = writeLibraryFileAtomically(
+      folder + "/" + *track->filename(), [&](const std::string& temporary) {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out.write(gpx->data(), static_cast<std::streamsize>(gpx->size()));
+        return static_cast<bool>(out.flush());
+      });
+  if (!written) return nullptr;
+  // Read from that file on first use.
+  track->setIsLoaded(false);
+  track->setIsDirty(false);
+  tracks_.push_back(track);
+  track->setParent(shared_from_this());
+  return track;
 }
 
 void TrackLibraryFolder::addFolder(const TrackLibraryFolderPtr& folder) {

@@ -62,6 +62,9 @@ class KvPreferences {
   void setRawFileMode(std::optional<int> value);
   std::optional<bool> iCloudSupported() const;
   void setICloudSupported(std::optional<bool> value);
+  /// The folder the host mirrors the library into (its synchronizer).
+  std::optional<std::string> syncFolder() const;
+  void setSyncFolder(std::optional<std::string> value);
 
   std::optional<std::string> device() const;
   void setDevice(std::optional<std::string> value);

@@ -6,6 +6,7 @@
 #include "tools/wayfolio/DeviceCommands.h"
 #include "tools/wayfolio/LibrarySession.h"
 #include "tools/wayfolio/PhotoCommands.h"
+#include "tools/wayfolio/SyncCommand.h"
 
 #include <cstdio>
 #include <optional>
@@ -71,6 +72,7 @@ int main(int argc, char** argv) {
     return app.exit(error);
   }
   kvtrack::installPhotoHooks();
+  installConfiguredSynchronizer();
   const int status = run(invocation);
   kvtrack::ExifTool::shutdownSessions();  // no exiftool outlives us
   return status;

@@ -1,1 +1,231 @@
 #include "kvtrack/library/sync/FolderSynchronizer.h"
+
+#include "kvtrack/formats/gpx/TrackGPX.h"
+#include "kvtrack/library/TrackStorage.h"
+#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/model/Track.h"
+#include "kvtrack/support/FileHandling.h"
+#include "kvtrack/support/Gzip.h"
+#include "kvtrack/support/Log.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace kvtrack {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool hasText(const std::optional<std::string>& text) { return text && !text->empty(); }
+
+std::string safeName(const std::string& id) {
+  return FileHandling::filenameWithoutSpecialCharacters(id);
+}
+
+bool isHidden(const fs::path& path) { return path.filename().string().starts_with('.'); }
+
+std::string lowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) {
+    return static_cast<char>(std::tolower(c));
+  });
+  return text;
+}
+
+// A shared pointer for the GPX writer, without taking ownership.
+std::shared_ptr<Track> borrowed(Track& track) {
+  if (auto owned = track.weak_from_this().lock()) return owned;
+  return std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
+}
+
+bool writeBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return static_cast<bool>(out.flush());
+}
+
+// The track as the library writes it; the GPX writer wants a file, so it
+// goes through one in the private scratch folder.
+std::optional<std::string> gpxOfTrack(Track& track) {
+  const std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) return std::nullopt;  // logged by FileHandling
+  const std::string temporary = sandbox + "/mirror-" + FileHandling::guid() + ".gpx";
+  GpxExportConfiguration configuration;
+  std::optional<std::string> gpx;
+  if (TrackGPX(borrowed(track)).exportTo(temporary, configuration)) {
+    std::ifstream in(temporary, std::ios::binary);
+    gpx.emplace(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  std::error_code ignored;
+  fs::remove(temporary, ignored);
+  return gpx;
+}
+
+}  // namespace
+
+FolderSynchronizer::FolderSynchronizer(std::string folder) : folder_(std::move(folder)) {}
+
+bool FolderSynchronizer::active() const {
+  std::error_code error;
+  return fs::is_directory(folder_, error);
+}
+
+std::string FolderSynchronizer::subfolder(const char* name, const std::string& what) const {
+  if (!active()) {
+    logf("sync folder {} is not there: {}", folder_, what);
+    return {};
+  }
+  const std::string path = (fs::path(folder_) / name).string();
+  std::error_code error;
+  fs::create_directory(path, error);  // never the sync folder itself
+  if (error) {
+    logf("sync folder {}: cannot make {} ({}): {}", folder_, path, error.message(), what);
+    return {};
+  }
+  return path;
+}
+
+std::string FolderSynchronizer::trackFile(const std::string& iCloudId) const {
+  return (fs::path(folder_) / "tracks" / (safeName(iCloudId) + ".gpx.gz")).string();
+}
+
+std::string FolderSynchronizer::recordFile(const std::string& iCloudId) const {
+  return (fs::path(folder_) / "tracks" / (safeName(iCloudId) + ".plist")).string();
+}
+
+bool FolderSynchronizer::writeTrack(Track& track) {
+  if (!hasText(track.iCloudId())) {
+    logf("track {} has no iCloudId: not mirrored to {}", track.name(), folder_);
+    return false;
+  }
+  if (subfolder("tracks", fmt::format("track {} not mirrored", track.name())).empty()) return false;
+  std::lock_guard<Track> lock(track);
+  track.loadFromLibrary();
+  const auto gpx = gpxOfTrack(track);
+  const auto compressed = gpx ? gzipDeflate(*gpx) : std::nullopt;
+  if (!compressed) {
+    logf("track {} not mirrored to {}: its GPX could not be made", track.name(), folder_);
+    return false;
+  }
+  const std::string id = *track.iCloudId();
+  // The record goes last: whoever sees it finds the track file complete.
+  const auto writeGzip = [&](const std::string& temporary) {
+    return writeBytes(temporary, *compressed);
+  };
+  const auto writeRecord = [&](const std::string& temporary) {
+    return TrackICloud::writeiCloudMetadataToURL(track, temporary);
+  };
+  return writeLibraryFileAtomically(trackFile(id), writeGzip) &&
+         writeLibraryFileAtomically(recordFile(id), writeRecord);
+}
+
+void FolderSynchronizer::deleteTrackFromiCloud(Track& track) {
+  if (!hasText(track.iCloudId())) return;
+  if (!active()) {
+    logf("sync folder {} is not there: track {} not removed from it", folder_, track.name());
+    return;
+  }
+  for (const auto& path : {trackFile(*track.iCloudId()), recordFile(*track.iCloudId())}) {
+    std::error_code error;
+    fs::remove(path, error);
+    if (error) logf("sync folder {}: cannot remove {} ({})", folder_, path, error.message());
+  }
+}
+
+void FolderSynchronizer::newTrackInTrackLibrary(Track& track) {
+  if (!hasText(track.iCloudId())) track.setICloudId(FileHandling::guid());
+}
+
+std::optional<std::string> FolderSynchronizer::movePhotoToiCloud(const std::string& filepath,
+                                                                 TrackPhoto& /*photo*/) {
+  std::error_code error;
+  if (filepath.empty() || !fs::is_regular_file(filepath, error)) {
+    logf("photo file {} is missing: not copied to sync folder {}", filepath, folder_);
+    return std::nullopt;
+  }
+  const std::string photos = subfolder("photos", fmt::format("photo {} not copied", filepath));
+  if (photos.empty()) return std::nullopt;
+  const std::string id = FileHandling::guid();
+  const std::string name = safeName(id);
+  const std::string copy =
+      (fs::path(photos) / (name + lowerCase(fs::path(filepath).extension().string()))).string();
+  const bool written = writeLibraryFileAtomically(copy, [&](const std::string& temporary) {
+    std::error_code copyError;
+    fs::copy_file(filepath, temporary, fs::copy_options::overwrite_existing, copyError);
+    return !copyError;
+  });
+  if (!written) return std::nullopt;
+  std::lock_guard lock(photoMutex_);
+  photoPaths_[name] = copy;
+  return id;
+}
+
+std::optional<std::string> FolderSynchronizer::cachedPhotoPath(const std::string& name) const {
+  const auto it = photoPaths_.find(name);
+  std::error_code error;
+  if (it == photoPaths_.end() || !fs::exists(it->second, error)) return std::nullopt;
+  return it->second;
+}
+
+std::optional<std::string> FolderSynchronizer::urlForPhotoId(const std::string& photoId) const {
+  const std::string name = safeName(photoId);
+  const fs::path photos = fs::path(folder_) / "photos";
+  std::lock_guard lock(photoMutex_);
+  if (auto path = cachedPhotoPath(name)) return path;
+  // One scan answers every later question about the photos present now.
+  photoPaths_.clear();
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(photos, error)) {
+    if (!isHidden(entry.path())) photoPaths_[entry.path().stem().string()] = entry.path().string();
+  }
+  if (auto path = cachedPhotoPath(name)) return path;
+  return (photos / name).string();
+}
+
+std::optional<std::string> FolderSynchronizer::urlForThumbnailPhotoId(
+    const std::string& photoId) const {
+  return (fs::path(folder_) / "thumbnails" / (safeName(photoId) + ".jpg")).string();
+}
+
+void FolderSynchronizer::downloadFileIfNotAvailable(const std::string& url) {
+  constexpr std::string_view kScheme = "file://";
+  const std::string path = url.starts_with(kScheme) ? url.substr(kScheme.size()) : url;
+  std::error_code error;
+  if (!fs::exists(path, error)) {
+    logf("sync folder {} has no file {}: a local folder has nothing to download", folder_, path);
+  }
+}
+
+std::vector<FolderSynchronizer::Record> FolderSynchronizer::records() const {
+  std::vector<Record> found;
+  if (!active()) {
+    logf("sync folder {} is not there: no records to read", folder_);
+    return found;
+  }
+  std::vector<fs::path> recordFiles;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(fs::path(folder_) / "tracks", error)) {
+    if (!isHidden(entry.path()) && entry.path().extension() == ".plist") {
+      recordFiles.push_back(entry.path());
+    }
+  }
+  std::sort(recordFiles.begin(), recordFiles.end());
+  for (const auto& record : recordFiles) {
+    auto metadata = readPropertyList(record.string());
+    if (!metadata) continue;  // logged by the reader
+    fs::path gz = record;
+    gz.replace_extension(".gpx.gz");
+    if (!fs::exists(gz, error)) {
+      logf("sync folder {}: record {} has no track file; left out", folder_, record.string());
+      continue;
+    }
+    found.push_back({gz.string(), record.string(), std::move(*metadata)});
+  }
+  return found;
+}
+
+}  // namespace kvtrack
