@@ -3,6 +3,7 @@
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackStorage.h"
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/CaseInsensitive.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
@@ -99,7 +100,7 @@ TrackPtr TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std:
   const std::string folder =
       library ? library->folder() : FileHandling::singleton().userApplicationSupport();
   // Like every library file, replaced only by a complete one.
-  const bool written = writeLibraryFileAtomically(
+  const bool written = writeFileAtomically(
       folder + "/" + *track->filename(), [&](const std::string& temporary) {
         std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
         out.write(gpx->data(), static_cast<std::streamsize>(gpx->size()));

@@ -4,6 +4,7 @@
 #include "kvtrack/formats/xml/XmlTree.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackStorage.h"
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/ISODate.h"
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/NumberText.h"
@@ -420,7 +421,7 @@ bool TrackLibraryXML::exportTo(const std::string& path, const TrackLibraryFolder
   IndexWriter{isStandardLibrary_}.exportTrackLibraryFolder(folder, root, 1);
 
   // Through a temporary file: a failed save keeps the previous index.
-  return writeLibraryFileAtomically(
+  return writeFileAtomically(
       path, [&](const std::string& temporary) { return document.save(temporary, "UTF-8", false); });
 }
 

@@ -3,17 +3,14 @@
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
-#include <fcntl.h>
 #include <pcre2.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -34,45 +31,7 @@ std::shared_ptr<ICloudSynchronizer> activeSynchronizer() {
   return preferences.iCloudSynchronizer();
 }
 
-bool syncToStorage(const std::string& path, int flags) {
-  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = ::fsync(fd) == 0;
-  ::close(fd);
-  return ok;
-}
-
 }  // namespace
-
-bool writeLibraryFileAtomically(const std::string& path,
-                                const std::function<bool(const std::string&)>& write) {
-  // Design decision: library files are replaced only by complete files, so a
-  // crash or a full disk during a save never leaves a half-written one.
-  const std::filesystem::path target(path);
-  std::string temporary =
-      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    logf("Error writing file: {} ({})", path, std::strerror(errno));
-    return false;
-  }
-  ::fchmod(fd, 0644);
-  ::close(fd);
-  if (!write(temporary) || !syncToStorage(temporary, O_RDONLY)) {
-    std::filesystem::remove(temporary);
-    logf("Error writing file: {} (the previous file is kept)", path);
-    return false;
-  }
-  std::error_code error;
-  std::filesystem::rename(temporary, target, error);
-  if (error) {
-    std::filesystem::remove(temporary);
-    logf("Error writing file: {} ({})", path, error.message());
-    return false;
-  }
-  syncToStorage(target.parent_path().string(), O_RDONLY | O_DIRECTORY);
-  return true;
-}
 
 void LibraryTrackStore::loadTrack(Track& track) {
   const std::string path = library_.folder() + "/" + track.filename().value_or("");
@@ -101,7 +60,7 @@ bool LibraryTrackStore::saveTrack(Track& track) {
     track.updateSpeeds();
     const std::string path = library_.folder() + "/" + track.filename().value_or("");
     GpxExportConfiguration configuration;
-    const bool written = writeLibraryFileAtomically(path, [&](const std::string& temporary) {
+    const bool written = writeFileAtomically(path, [&](const std::string& temporary) {
       return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
     });
     if (!written) return false;  // stays dirty: the next save tries again
@@ -128,7 +87,7 @@ bool LibraryTrackStore::saveTrackWithExternalGPX(Track& track) {
   GpxExportConfiguration configuration;
   configuration.setExportGeocachingDescriptionAndLogsInExternalFolder(folder);
   configuration.setExportWaypointsOnly(true);
-  const bool written = writeLibraryFileAtomically(file, [&](const std::string& temporary) {
+  const bool written = writeFileAtomically(file, [&](const std::string& temporary) {
     return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
   });
   if (written) track.setIsDirty(false);

@@ -5,7 +5,6 @@
 
 #include "kvtrack/model/TrackStore.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,12 +29,5 @@ class LibraryTrackStore : public TrackStore {
 /// attributes that tie it to the owner's synchronised store. Saves first.
 bool exportExternalGpx(Track& track, const std::string& path, bool withPhotos,
                        const std::vector<std::string>& additionalFiles);
-
-/// Writes a library file through a temporary file in the same folder that
-/// replaces the old file only when complete and flushed to disk. The writer
-/// gets the temporary path. Logs and returns false on failure; the old file
-/// then stays as it was.
-bool writeLibraryFileAtomically(const std::string& path,
-                                const std::function<bool(const std::string&)>& write);
 
 }  // namespace kvtrack

@@ -1,23 +1,17 @@
 #include "kvtrack/formats/csv/TrackCSV.h"
 
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Localization.h"
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/UnitConverter.h"
 
-#include <sys/stat.h>
 #include <unicode/locid.h>
 #include <unicode/numberformatter.h>
 #include <unicode/unistr.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
+#include <string>
 #include <utility>
-#include <vector>
 
 namespace kvtrack {
 namespace {
@@ -46,47 +40,6 @@ Units unitsForMode(int mode) {
 
 icu::UnicodeString utf16(const std::string& text) {
   return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
-}
-
-// Writes all bytes, retrying after signals and short writes.
-bool writeAll(int fd, const std::vector<char>& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n == 0) errno = EIO;  // no progress and no reason given
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// The target is replaced only by a complete file: written beside it under a
-// temporary name, synced, then renamed over it.
-bool writeFileAtomically(const std::string& path, const std::vector<char>& bytes) {
-  const std::filesystem::path target(path);
-  std::string temporary =
-      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    logf("Error writing file: {} ({})", path, std::strerror(errno));
-    return false;
-  }
-  ::fchmod(fd, 0644);
-  int error = writeAll(fd, bytes) && ::fsync(fd) == 0 ? 0 : errno;
-  if (::close(fd) != 0 && error == 0) error = errno;
-  if (error != 0) {
-    ::unlink(temporary.c_str());
-    logf("Error writing file: {} ({})", path, std::strerror(error));
-    return false;
-  }
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
-    const int renameError = errno;
-    ::unlink(temporary.c_str());
-    logf("Error writing file: {} ({})", path, std::strerror(renameError));
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -155,7 +108,7 @@ bool TrackCSV::exportTo(const std::string& path) {
   }
 
   // UTF-16 little-endian after the byte-order mark FF FE.
-  std::vector<char> bytes;
+  std::string bytes;
   bytes.reserve(2 + 2 * static_cast<size_t>(text.length()));
   bytes.push_back(static_cast<char>(0xFF));
   bytes.push_back(static_cast<char>(0xFE));

@@ -4,6 +4,7 @@
 #include "kvtrack/library/TrackStorage.h"
 #include "kvtrack/library/sync/TrackICloudMetadata.h"
 #include "kvtrack/model/Track.h"
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/Log.h"
@@ -119,8 +120,8 @@ bool FolderSynchronizer::writeTrack(Track& track) {
   const auto writeRecord = [&](const std::string& temporary) {
     return TrackICloud::writeiCloudMetadataToURL(track, temporary);
   };
-  return writeLibraryFileAtomically(trackFile(id), writeGzip) &&
-         writeLibraryFileAtomically(recordFile(id), writeRecord);
+  return writeFileAtomically(trackFile(id), writeGzip) &&
+         writeFileAtomically(recordFile(id), writeRecord);
 }
 
 void FolderSynchronizer::deleteTrackFromiCloud(Track& track) {
@@ -153,7 +154,7 @@ std::optional<std::string> FolderSynchronizer::movePhotoToiCloud(const std::stri
   const std::string name = safeName(id);
   const std::string copy =
       (fs::path(photos) / (name + lowerCase(fs::path(filepath).extension().string()))).string();
-  const bool written = writeLibraryFileAtomically(copy, [&](const std::string& temporary) {
+  const bool written = writeFileAtomically(copy, [&](const std::string& temporary) {
     std::error_code copyError;
     fs::copy_file(filepath, temporary, fs::copy_options::overwrite_existing, copyError);
     return !copyError;

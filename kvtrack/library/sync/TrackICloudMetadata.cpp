@@ -6,6 +6,7 @@
 #include "kvtrack/model/TrackPhoto.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
+#include "kvtrack/support/AtomicFile.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/KvPreferences.h"
@@ -211,7 +212,7 @@ bool updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath) {
   track.setIsDirty(false);
   track.setMetadataDirty(false);
   track.unload();
-  const bool written = writeLibraryFileAtomically(
+  const bool written = writeFileAtomically(
       folder + "/" + *track.filename(), [&](const std::string& temporary) {
         std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
         out.write(gpx->data(), static_cast<std::streamsize>(gpx->size()));
