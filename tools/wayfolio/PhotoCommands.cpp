@@ -5,6 +5,7 @@
 #include "kvtrack/photos/ExifTool.h"
 #include "kvtrack/photos/ExifWriter.h"
 #include "kvtrack/photos/PhotoMatching.h"
+#include "kvtrack/photos/TrackPhotoFiles.h"
 #include "kvtrack/support/FileHandling.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/PhotoWriting.h"
@@ -301,7 +302,8 @@ Outcome listPhotos(const std::string& text) {
     for (const auto& point : track->trackPoints()) {
       for (const auto& photo : point->trackPhotos()) {
         const auto& time = photo->storedTimeOfPhoto();  // a listing never runs exiftool
-        table.addRow({photo->originalFilepath(), time ? time->description() : "-",
+        // The file where it is found now: moved photos resolve to their copies.
+        table.addRow({TrackPhotos::filepath(*photo), time ? time->description() : "-",
                       fmt::format("{:.6f}", point->latitude()),
                       fmt::format("{:.6f}", point->longitude()), placeText(*photo)});
       }
