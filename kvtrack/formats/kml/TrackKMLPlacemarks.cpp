@@ -73,14 +73,10 @@ class PhotoAccess {
 }  // namespace
 
 void createKMLWaypointsForParent(Track& track, xml::XmlElement& parent,
-                                 const TrackKMLConfiguration& /*configuration*/) {
+                                 const TrackKMLConfiguration& configuration) {
   std::lock_guard<Track> lock(track);
   for (const auto& point : track.trackPoints()) {
-    if (!point->isWayPoint()) continue;
-    auto placemark = parent.addChild("Placemark");
-    if (const auto& name = point->name()) placemark.addChild("name", *name);
-    placemark.addChild("styleUrl", "#waypointstyle");
-    placemark.addChild("Point").addChild("coordinates", coordinates(*point));
+    if (point->isWayPoint()) createKMLPlacemarkForParent(*point, parent, configuration);
   }
 }
 
