@@ -19,3 +19,4 @@ run() {  # fuzzer, seed corpus
 }
 run gpx_reader_fuzzer tests/fuzz/corpus
 run index_reader_fuzzer tests/fuzz/corpus-index
+run sync_record_fuzzer tests/fuzz/corpus-sync

@@ -216,7 +216,7 @@ std::vector<FolderSynchronizer::Record> FolderSynchronizer::records() const {
   }
   std::sort(recordFiles.begin(), recordFiles.end());
   for (const auto& record : recordFiles) {
-    auto metadata = readPropertyList(record.string());
+    auto metadata = TrackICloud::readMetadata(record.string());
     if (!metadata) continue;  // logged by the reader
     fs::path gz = record;
     gz.replace_extension(".gpx.gz");

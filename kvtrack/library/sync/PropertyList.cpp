@@ -20,20 +20,15 @@ struct NodeFree {
 };
 using Node = std::unique_ptr<void, NodeFree>;
 
-// Texts libplist hands out are the caller's to free.
-struct TextFree {
-  void operator()(char* text) const { std::free(text); }
-};
-using Text = std::unique_ptr<char, TextFree>;
-
 // A scalar as text; absent for kinds a record does not hold.
 std::optional<std::string> scalarText(plist_t node) {
   switch (plist_get_node_type(node)) {
     case PLIST_STRING: {
-      char* raw = nullptr;
-      plist_get_string_val(node, &raw);
-      const Text text(raw);
-      return std::string(text ? text.get() : "");
+      // Not plist_get_string_val: it aborts the process on a text holding
+      // a NUL character, which a hostile file can contain.
+      uint64_t length = 0;
+      const char* text = plist_get_string_ptr(node, &length);
+      return text ? std::string(text, length) : std::string();
     }
     case PLIST_UINT: {
       uint64_t value = 0;
@@ -105,7 +100,8 @@ bool writePropertyList(const PropertyRecord& record, const std::string& path) {
   return true;
 }
 
-std::optional<PropertyRecord> propertyListFromData(std::string_view data) {
+std::optional<PropertyRecord> propertyListFromData(std::string_view data,
+                                                   std::span<const std::string_view> keys) {
   if (data.size() > std::numeric_limits<uint32_t>::max()) {
     logf("PropertyList: {} bytes are too many for a property list", data.size());
     return std::nullopt;
@@ -121,29 +117,28 @@ std::optional<PropertyRecord> propertyListFromData(std::string_view data) {
     logLine("PropertyList: the property list holds no dictionary");
     return std::nullopt;
   }
+  // Only the keys asked for are looked up: reading a key's text out of
+  // libplist aborts the process when the key holds a NUL character, and a
+  // hostile file can hold one. Looking a key up by name is safe.
   PropertyRecord record;
-  plist_dict_iter iterator = nullptr;
-  plist_dict_new_iter(root.get(), &iterator);
-  for (;;) {
-    char* rawKey = nullptr;
-    plist_t node = nullptr;
-    plist_dict_next_item(root.get(), iterator, &rawKey, &node);
-    const Text key(rawKey);
-    if (!node) break;
-    if (auto entry = value(node); entry && key) record.emplace(key.get(), std::move(*entry));
+  for (const std::string_view key : keys) {
+    const std::string name(key);
+    if (plist_t node = plist_dict_get_item(root.get(), name.c_str())) {
+      if (auto entry = value(node)) record.emplace(name, std::move(*entry));
+    }
   }
-  std::free(iterator);
   return record;
 }
 
-std::optional<PropertyRecord> readPropertyList(const std::string& path) {
+std::optional<PropertyRecord> readPropertyList(const std::string& path,
+                                               std::span<const std::string_view> keys) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     logf("Error reading file: {}", path);
     return std::nullopt;
   }
   const std::string data(std::istreambuf_iterator<char>(in), {});
-  auto record = propertyListFromData(data);
+  auto record = propertyListFromData(data, keys);
   if (!record) logf("PropertyList: {} was not read", path);
   return record;
 }

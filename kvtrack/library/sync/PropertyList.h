@@ -5,6 +5,7 @@
 
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -20,12 +21,15 @@ std::string propertyListXML(const PropertyRecord& record);
 /// Writes the XML form to the file (not atomically). False, logged, on failure.
 bool writePropertyList(const PropertyRecord& record, const std::string& path);
 
-/// A record from an XML or binary property list whose top is a dictionary.
-/// Numbers and booleans are read as their text ("12", "2.5", "true");
-/// values of other kinds (dates, data, nested dictionaries) are left out.
-/// Absent, logged, for anything that is not such a property list.
-std::optional<PropertyRecord> propertyListFromData(std::string_view data);
-std::optional<PropertyRecord> readPropertyList(const std::string& path);
+/// The given keys of an XML or binary property list whose top is a
+/// dictionary; keys it does not hold are missing from the record. Numbers
+/// and booleans are read as their text ("12", "2.5", "true"); values of
+/// other kinds (dates, data, nested dictionaries) are left out. Absent,
+/// logged, for anything that is not such a property list.
+std::optional<PropertyRecord> propertyListFromData(std::string_view data,
+                                                   std::span<const std::string_view> keys);
+std::optional<PropertyRecord> readPropertyList(const std::string& path,
+                                               std::span<const std::string_view> keys);
 
 /// The text at the key; absent when missing or a list.
 std::optional<std::string> propertyText(const PropertyRecord& record, std::string_view key);

@@ -57,6 +57,10 @@ std::optional<std::string> readFile(const std::string& path) {
 
 }  // namespace
 
+std::optional<Metadata> readMetadata(const std::string& path) {
+  return readPropertyList(path, kMetadataKeys);
+}
+
 Metadata iCloudMetadata(Track& track) {
   Lock lock(track);
   Metadata metadata;

@@ -23,14 +23,23 @@
 #include "kvtrack/model/Track.h"
 #include "kvtrack/support/ISODate.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kvtrack::TrackICloud {
 
 using Metadata = PropertyRecord;
+
+/// Every key of the record.
+inline constexpr std::array<std::string_view, 11> kMetadataKeys = {
+    "name",   "path",       "trackId",       "iCloudId",      "starttime", "endtime",
+    "photocount", "waypointcount", "geocachecount", "length", "timestamp"};
+/// The record in a property-list file; absent (logged) when unreadable.
+std::optional<Metadata> readMetadata(const std::string& path);
 
 /// The record, built under the track's lock; "timestamp" is now.
 Metadata iCloudMetadata(Track& track);

@@ -73,7 +73,7 @@ TEST_F(TrackICloudTest, RecordIsReadByOtherProgramsAndReadsBackIntoATrack) {
   ASSERT_EQ(runShellCommand("plistutil -i " + FileHandling::filenameForShell(xml) + " -o " +
                             FileHandling::filenameForShell(binary)), 0);
   for (const auto& file : {xml, binary}) {
-    const auto record = readPropertyList(file);
+    const auto record = Cloud::readMetadata(file);
     ASSERT_TRUE(record) << file;
     EXPECT_EQ(Cloud::pathFromMetadata(*record), (std::vector<std::string>{"Trips", "2014"}));
     auto copy = Track::track();
@@ -102,11 +102,22 @@ TEST(PropertyListTest, MissingKeysReadAsNothingAndBadInputIsRefused) {
   EXPECT_TRUE(Cloud::pathFromMetadata(record).empty());
 
   LogCapture capture;
-  EXPECT_FALSE(propertyListFromData(""));
-  EXPECT_FALSE(propertyListFromData("<?xml version=\"1.0\"?><plist><dict><key>name</key>"));
-  EXPECT_FALSE(propertyListFromData("<plist version=\"1.0\"><array/></plist>"));
+  EXPECT_FALSE(propertyListFromData("", Cloud::kMetadataKeys));
+  EXPECT_FALSE(propertyListFromData("<?xml version=\"1.0\"?><plist><dict><key>name</key>", Cloud::kMetadataKeys));
+  EXPECT_FALSE(propertyListFromData("<plist version=\"1.0\"><array/></plist>", Cloud::kMetadataKeys));
   EXPECT_TRUE(capture.contains("PropertyList: not a readable property list"));
   EXPECT_TRUE(capture.contains("PropertyList: the property list holds no dictionary"));
+
+  // NUL characters in keys and texts (which libplist aborts on when asked
+  // for them carelessly) must not bring the process down.
+  using namespace std::string_literals;
+  const auto hostile = propertyListFromData(
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>x\0y</key><string>a</string>"
+      "<key>name</key><string>Ri\0dge</string></dict></plist>"s,
+      Cloud::kMetadataKeys);
+  ASSERT_TRUE(hostile);
+  EXPECT_EQ(Cloud::nameFromMetadata(*hostile).substr(0, 2), "Ri");
 }
 
 TEST(GzipTest, InflatesWhatOtherProgramsWriteAndRefusesTheRest) {
