@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, fuzzes the GPX reader for a minute, then builds
+# Installs what is missing, fuzzes the readers of outside files (GPX, the
+# library index, sync records and gzip files) for 45 s each, then builds
 # and runs the whole test suite twice: in the optimised build and under
 # AddressSanitizer + UndefinedBehaviorSanitizer.
 set -euo pipefail
