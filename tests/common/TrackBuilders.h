@@ -46,4 +46,19 @@ inline TrackPointPtr addWaypoint(Track& track, double latitude, double longitude
   return point;
 }
 
+/// A loaded track of n points one minute apart, walking north from 47.0 / 8.0
+/// and climbing a metre a minute from 400 m.
+inline TrackPtr walk(const std::string& name, int n,
+                     const std::string& start = "2012-05-01T10:00:00+02:00") {
+  auto track = Track::trackWithName(name);
+  track->setIsLoaded(true);
+  const ISODate begin = at(start);
+  for (int i = 0; i < n; ++i) {
+    auto point = addPoint(*track, 47.0 + i * 0.001, 8.0, {}, 400 + i);
+    point->setTime(begin.dateByAddingYears(0, 0, 0, 0, i, 0));
+  }
+  track->updateAll();
+  return track;
+}
+
 }  // namespace kvtrack::testing

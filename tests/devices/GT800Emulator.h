@@ -16,6 +16,15 @@
 
 namespace kvtrack::test {
 
+/// One logged fix; only the year's place in the 16-year cycle is stored.
+struct GT800Fix {
+  std::uint8_t flags = 0;  // a plain track point
+  int year = 0;
+  int month = 5, day = 17, hour = 21, minute = 42, milliseconds = 30500;
+  std::int32_t latitude = 481234567, longitude = 115678901, elevationCm = 52049;
+  std::uint8_t satellites = 0x58;  // 5 found, 8 qualified
+};
+
 class GT800Emulator {
  public:
   static constexpr std::size_t kSectorSize = 4096;
@@ -55,6 +64,27 @@ class GT800Emulator {
   /// session) whose flash opcode (byte 6) or, for opcode-less commands, byte 1
   /// matches `command`; any command when `command` is 0.
   void setFault(Fault fault, std::uint8_t command = 0, int occurrence = 0);
+
+  /// The 32-byte record of a fix: flags, packed date and time, then position
+  /// and elevation as big-endian integers (1e-7 degrees, centimetres).
+  static std::vector<std::uint8_t> record(const GT800Fix& fix) {
+    std::vector<std::uint8_t> r(kRecordSize, 0);
+    auto put32 = [&r](std::size_t at, std::int32_t value) {
+      const auto v = static_cast<std::uint32_t>(value);
+      for (int i = 0; i < 4; ++i) r[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+    };
+    r[0] = fix.flags;
+    r[1] = static_cast<std::uint8_t>(((fix.year % 16) << 4) | fix.month);
+    r[2] = static_cast<std::uint8_t>((fix.day << 3) | (fix.hour >> 2));
+    r[3] = static_cast<std::uint8_t>(((fix.hour & 3) << 6) | fix.minute);
+    r[4] = static_cast<std::uint8_t>(fix.milliseconds >> 8);
+    r[5] = static_cast<std::uint8_t>(fix.milliseconds & 0xFF);
+    put32(12, fix.latitude);
+    put32(16, fix.longitude);
+    put32(20, fix.elevationCm);
+    r[29] = fix.satellites;
+    return r;
+  }
 
   /// Writes one 32-byte record at record index i (stored from 0x1000 on).
   void putRecord(std::size_t index, const std::vector<std::uint8_t>& record);

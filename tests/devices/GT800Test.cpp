@@ -33,35 +33,8 @@ int thisYear() {
   return local.tm_year + 1900;
 }
 
-struct Fix {
-  uint8_t flags = 0;  // a plain track point
-  int year = 0;              // full year; only its place in the 16-year cycle is stored
-  int month = 5, day = 17, hour = 21, minute = 42, milliseconds = 30500;
-  int32_t latitude = 481234567, longitude = 115678901, elevationCm = 52049;
-  uint8_t satellites = 0x58;  // 5 found, 8 qualified
-};
-
-std::vector<uint8_t> record(const Fix& fix) {
-  std::vector<uint8_t> r(32, 0);
-  auto put32 = [&r](size_t at, int32_t value) {
-    const auto v = static_cast<uint32_t>(value);
-    r[at] = static_cast<uint8_t>(v >> 24);
-    r[at + 1] = static_cast<uint8_t>(v >> 16);
-    r[at + 2] = static_cast<uint8_t>(v >> 8);
-    r[at + 3] = static_cast<uint8_t>(v);
-  };
-  r[0] = fix.flags;
-  r[1] = static_cast<uint8_t>(((fix.year % 16) << 4) | fix.month);
-  r[2] = static_cast<uint8_t>((fix.day << 3) | (fix.hour >> 2));
-  r[3] = static_cast<uint8_t>(((fix.hour & 3) << 6) | fix.minute);
-  r[4] = static_cast<uint8_t>(fix.milliseconds >> 8);
-  r[5] = static_cast<uint8_t>(fix.milliseconds & 0xFF);
-  put32(12, fix.latitude);
-  put32(16, fix.longitude);
-  put32(20, fix.elevationCm);
-  r[29] = fix.satellites;
-  return r;
-}
+using Fix = test::GT800Fix;
+std::vector<uint8_t> record(const Fix& fix) { return GT800Emulator::record(fix); }
 
 std::vector<uint8_t> debugRecord(const std::string& text) {
   std::vector<uint8_t> r(32, 0);

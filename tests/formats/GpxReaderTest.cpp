@@ -25,40 +25,24 @@ std::shared_ptr<Track> read(const ScratchFolder& folder, const std::string& text
   return track;
 }
 
-TEST(GpxReading, TrackAttributesAndTimeZone) {
+// Every attribute the writer produces reads back in the round-trip tests; here
+// the zone applied to UTC times and the figures computed after reading.
+TEST(GpxReading, TrackTimeZoneAndComputedFigures) {
   ScratchFolder folder;
   auto track = read(folder, gpx(R"(
-    <trk><name>Alps &amp; more</name><desc>two
-lines</desc>
-      <extensions>
-        <wayfolio:color red="1.000000" green="0.500000" blue="0.250000" alpha="1.000000"/>
-        <wayfolio:width width="3.000000"/>
-        <wayfolio:area showArea="yes" areaDistance="25.000000"/>
-        <wayfolio:directionArrows showDirectionArrows="no"/>
-        <wayfolio:sync syncPhotosOniPhone="yes"/>
-        <wayfolio:timezone offset="120"/>
-        <wayfolio:tags>hike, summer</wayfolio:tags>
-      </extensions>
+    <trk><name>Alps &amp; more</name>
+      <extensions><wayfolio:timezone offset="120"/></extensions>
       <trkseg>
         <trkpt lat="47.1" lon="8.1"><ele>400.5</ele><time>2012-05-01T10:00:00Z</time></trkpt>
         <trkpt lat="47.2" lon="8.2"><ele>410</ele><time>2012-05-01T10:10:00Z</time></trkpt>
       </trkseg>
     </trk>)"));
   EXPECT_EQ(track->name(), "Alps & more");
-  EXPECT_EQ(track->description(), "two\nlines");
-  EXPECT_EQ(track->tags(), "hike, summer");
-  EXPECT_EQ(track->color(), (Color{1, 0.5, 0.25, 1}));
-  EXPECT_EQ(track->width(), 3.0f);
-  EXPECT_TRUE(track->showArea());
-  EXPECT_EQ(track->areaDistanceInMeter(), 25.0f);
-  EXPECT_FALSE(track->showDirectionArrows());
-  EXPECT_TRUE(track->syncPhotosOniPhone());
   EXPECT_TRUE(track->timezoneSetDuringImport());
   ASSERT_EQ(track->trackPoints().size(), 2u);
   EXPECT_EQ(track->trackPoints()[0]->time()->description(), "2012-05-01T12:00:00+02:00");
   EXPECT_EQ(track->startTime()->description(), "2012-05-01T12:00:00+02:00");
   EXPECT_DOUBLE_EQ(track->duration(), 600);
-  EXPECT_EQ(track->trackPoints()[0]->elevation(), 400.5);
   EXPECT_GT(track->length(), 13.0);  // lengths are computed after reading
   EXPECT_TRUE(track->trackPoints()[1]->isEndOfSegment());
 }
@@ -115,10 +99,7 @@ TEST(GpxReading, UnreadablePositionsDropPointsAndBadNumbersBecomeNaN) {
 TEST(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
   ScratchFolder folder;
   auto track = read(folder, gpx(R"(
-    <wpt lat="47.5" lon="8.5"><name>Summit</name><desc>top</desc><cmt>windy</cmt>
-      <src>gps</src><url>http://example.invalid/s</url><urlname>site</urlname><sym>Flag</sym>
-      <type>peak</type><extensions><wayfolio:urlAsPDF>/s.pdf</wayfolio:urlAsPDF>
-      <wayfolio:tags>t</wayfolio:tags></extensions></wpt>
+    <wpt lat="47.5" lon="8.5"><name>Summit</name><sym>Flag</sym></wpt>
     <wpt lat="0" lon="9"><time>2012-05-01T10:00:04Z</time><name>ByTime</name></wpt>
     <wpt lat="10" lon="10"><name>Nowhere</name></wpt>
     <trk><trkseg>
@@ -128,50 +109,28 @@ TEST(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
   const auto& p = track->trackPoints();
   ASSERT_EQ(p.size(), 2u);
   EXPECT_TRUE(p[1]->isWayPoint());
-  EXPECT_EQ(p[1]->name(), "Summit");
-  EXPECT_EQ(p[1]->description(), "top");
-  EXPECT_EQ(p[1]->comment(), "windy");
-  EXPECT_EQ(p[1]->source(), "gps");
-  EXPECT_EQ(p[1]->url(), "http://example.invalid/s");
-  EXPECT_EQ(p[1]->urlName(), "site");
+  EXPECT_EQ(p[1]->name(), "Summit");  // every waypoint field: see the round-trip tests
   EXPECT_EQ(p[1]->symbol(), "Flag");
-  EXPECT_EQ(p[1]->type(), "peak");
-  EXPECT_EQ(p[1]->urlAsPDF(), "/s.pdf");
   // Zero latitude: matched by time, taking the waypoint's position.
   EXPECT_TRUE(p[0]->isWayPoint());
   EXPECT_EQ(p[0]->name(), "ByTime");
   EXPECT_EQ(p[0]->longitude(), 9.0);
-
-  auto onlyWaypoints = read(folder, gpx(R"(<wpt lat="1" lon="2"><name>A</name></wpt>
-                                          <wpt lat="3" lon="4"><name>B</name></wpt>)"));
-  ASSERT_EQ(onlyWaypoints->trackPoints().size(), 2u);
-  EXPECT_TRUE(onlyWaypoints->trackPoints()[1]->isWayPoint());
-  EXPECT_EQ(onlyWaypoints->trackPoints()[1]->name(), "B");
 }
 
-TEST(GpxReading, PhotosWithAttributesAndBookmarks) {
+TEST(GpxReading, PhotosInEveryFormAndFolder) {
   ScratchFolder folder;
   FileHandling::singleton().setUserApplicationSupport(folder.path().string());
   auto track = read(folder, gpx(R"(
     <trk><trkseg><trkpt lat="1" lon="1"><extensions>
-      <wayfolio:photo filename="/photos/a b.jpg" time="2012-05-01T12:00:00+02:00" city="Zürich"
-         state="ZH" country="Switzerland" isoCountryCode="CH" place="Old town"
-         iPhotoIdAppleScript="photo 7" iPhotoId="7" iCloudId="C1">
-        <wayfolio:bookmark>L3Bob3Rvcy9hIGIuanBn</wayfolio:bookmark></wayfolio:photo>
+      <wayfolio:photo filename="/photos/a b.jpg" city="Zürich"/>
       <photo iphonefilename="p/2.jpg"/>
       <wayfolio:photo iphonefilename="Roamly/3.jpg"/>
     </extensions></trkpt></trkseg></trk>)"));
   const auto& photos = track->trackPoints()[0]->trackPhotos();
   ASSERT_EQ(photos.size(), 3u);
+  // Every photo attribute reads back in the round-trip tests; here the older forms.
   EXPECT_EQ(photos[0]->originalFilepath(), "/photos/a b.jpg");
-  EXPECT_EQ(photos[0]->storedTimeOfPhoto()->description(), "2012-05-01T12:00:00+02:00");
   EXPECT_EQ(photos[0]->city(), "Zürich");
-  EXPECT_EQ(photos[0]->isoCountryCode(), "CH");
-  EXPECT_EQ(photos[0]->place(), "Old town");
-  EXPECT_EQ(photos[0]->iPhotoId(), 7);
-  EXPECT_EQ(photos[0]->iPhotoIdAppleScript(), "photo 7");
-  EXPECT_EQ(photos[0]->iCloudId(), "C1");
-  EXPECT_EQ(photos[0]->base64Bookmark(), "L3Bob3Rvcy9hIGIuanBn");
   EXPECT_EQ(photos[0]->trackPoint(), track->trackPoints()[0].get());
   EXPECT_EQ(photos[1]->originalFilepath(), folder.file("p/2.jpg"));
   EXPECT_EQ(photos[2]->originalFilepath(),

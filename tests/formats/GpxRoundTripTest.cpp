@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 
 namespace kvtrack {
 namespace {
@@ -20,89 +21,56 @@ using testing::ScratchFolder;
 
 bool sameNumber(double a, double b) { return (std::isnan(a) && std::isnan(b)) || a == b; }
 
-void expectSameGeocache(const Geocache& a, const Geocache& b, const std::string& where) {
-  EXPECT_EQ(a.name, b.name) << where;
-  EXPECT_EQ(a.owner, b.owner) << where;
-  EXPECT_EQ(a.locale, b.locale) << where;
-  EXPECT_EQ(a.state, b.state) << where;
-  EXPECT_EQ(a.country, b.country) << where;
-  EXPECT_EQ(a.summary, b.summary) << where;
-  EXPECT_EQ(a.description, b.description) << where;
-  EXPECT_EQ(a.hints, b.hints) << where;
-  EXPECT_EQ(a.license, b.license) << where;
-  EXPECT_EQ(a.identifier, b.identifier) << where;
-  EXPECT_EQ(a.descriptionAsPDF, b.descriptionAsPDF) << where;
-  EXPECT_EQ(a.status, b.status) << where;
-  EXPECT_EQ(a.type, b.type) << where;
-  EXPECT_EQ(a.container, b.container) << where;
-  EXPECT_EQ(a.difficulty, b.difficulty) << where;
-  EXPECT_EQ(a.terrain, b.terrain) << where;
-  EXPECT_EQ(a.yourLogType, b.yourLogType) << where;
-  ASSERT_EQ(a.logs.size(), b.logs.size()) << where;
-  for (size_t k = 0; k < a.logs.size(); ++k) {
-    const GeocacheLog &x = *a.logs[k], &y = *b.logs[k];
-    EXPECT_EQ(x.time, y.time) << where << " log " << k;
-    EXPECT_EQ(x.geocacher, y.geocacher) << where << " log " << k;
-    EXPECT_EQ(x.geocacherIdentifier, y.geocacherIdentifier) << where << " log " << k;
-    EXPECT_EQ(x.identifier, y.identifier) << where << " log " << k;
-    EXPECT_EQ(x.type, y.type) << where << " log " << k;
-    EXPECT_EQ(x.text, y.text) << where << " log " << k;
-  }
+// Field lists compared as tuples; a failure prints both.
+auto fieldsOf(const Geocache& g) {
+  return std::tie(g.name, g.owner, g.locale, g.state, g.country, g.summary, g.description, g.hints,
+                  g.license, g.identifier, g.descriptionAsPDF, g.status, g.type, g.container,
+                  g.difficulty, g.terrain, g.yourLogType);
 }
-
-void expectSamePhoto(const TrackPhoto& a, const TrackPhoto& b, const std::string& where) {
-  EXPECT_EQ(a.originalFilepath(), b.originalFilepath()) << where;
-  EXPECT_EQ(a.storedTimeOfPhoto(), b.storedTimeOfPhoto()) << where;
-  EXPECT_EQ(a.city(), b.city()) << where;
-  EXPECT_EQ(a.state(), b.state()) << where;
-  EXPECT_EQ(a.country(), b.country()) << where;
-  EXPECT_EQ(a.isoCountryCode(), b.isoCountryCode()) << where;
-  EXPECT_EQ(a.place(), b.place()) << where;
-  EXPECT_EQ(a.base64Bookmark(), b.base64Bookmark()) << where;
-  EXPECT_EQ(a.iPhotoIdAppleScript(), b.iPhotoIdAppleScript()) << where;
-  EXPECT_EQ(a.iPhotoId(), b.iPhotoId()) << where;
-  EXPECT_EQ(a.iCloudId(), b.iCloudId()) << where;
+auto fieldsOf(const GeocacheLog& l) {
+  return std::tie(l.time, l.geocacher, l.geocacherIdentifier, l.identifier, l.type, l.text);
+}
+auto fieldsOf(const TrackPhoto& p) {
+  return std::tuple(p.originalFilepath(), p.storedTimeOfPhoto(), p.city(), p.state(), p.country(),
+                    p.isoCountryCode(), p.place(), p.base64Bookmark(), p.iPhotoIdAppleScript(),
+                    p.iPhotoId(), p.iCloudId());
+}
+auto waypointFieldsOf(const TrackPoint& p) {
+  return std::tuple(p.name(), p.description(), p.comment(), p.source(), p.url(), p.urlName(),
+                    p.symbol(), p.type(), p.urlAsPDF());
 }
 
 void expectSameTrack(Track& a, Track& b) {
-  EXPECT_EQ(a.name(), b.name());
-  EXPECT_EQ(a.description(), b.description());
-  EXPECT_EQ(a.tags(), b.tags());
-  EXPECT_EQ(a.color(), b.color());
-  EXPECT_EQ(a.width(), b.width());
-  EXPECT_EQ(a.showArea(), b.showArea());
-  EXPECT_EQ(a.areaDistanceInMeter(), b.areaDistanceInMeter());
-  EXPECT_EQ(a.showDirectionArrows(), b.showDirectionArrows());
-  EXPECT_EQ(a.syncPhotosOniPhone(), b.syncPhotosOniPhone());
-  EXPECT_EQ(a.timezoneOffset(), b.timezoneOffset());
+  EXPECT_EQ(std::tuple(a.name(), a.description(), a.tags(), a.color(), a.width(), a.showArea(),
+                       a.areaDistanceInMeter(), a.showDirectionArrows(), a.syncPhotosOniPhone(),
+                       a.timezoneOffset()),
+            std::tuple(b.name(), b.description(), b.tags(), b.color(), b.width(), b.showArea(),
+                       b.areaDistanceInMeter(), b.showDirectionArrows(), b.syncPhotosOniPhone(),
+                       b.timezoneOffset()));
   const auto &pa = a.trackPoints(), &pb = b.trackPoints();
   ASSERT_EQ(pa.size(), pb.size());
   for (size_t i = 0; i < pa.size(); ++i) {
     const TrackPoint &x = *pa[i], &y = *pb[i];
-    const std::string where = "point " + std::to_string(i);
-    EXPECT_EQ(x.time(), y.time()) << where;
-    EXPECT_EQ(x.latitude(), y.latitude()) << where;
-    EXPECT_EQ(x.longitude(), y.longitude()) << where;
-    EXPECT_TRUE(sameNumber(x.elevation(), y.elevation())) << where;
-    EXPECT_EQ(x.speed(), y.speed()) << where;
-    EXPECT_EQ(x.isWayPoint(), y.isWayPoint()) << where;
-    EXPECT_EQ(x.isEndOfSegment(), y.isEndOfSegment()) << where;
+    SCOPED_TRACE("point " + std::to_string(i));
+    EXPECT_EQ(std::tuple(x.time(), x.latitude(), x.longitude(), x.speed(), x.isWayPoint(),
+                         x.isEndOfSegment()),
+              std::tuple(y.time(), y.latitude(), y.longitude(), y.speed(), y.isWayPoint(),
+                         y.isEndOfSegment()));
+    EXPECT_TRUE(sameNumber(x.elevation(), y.elevation()));
     if (x.isWayPoint()) {
-      EXPECT_EQ(x.name(), y.name()) << where;
-      EXPECT_EQ(x.description(), y.description()) << where;
-      EXPECT_EQ(x.comment(), y.comment()) << where;
-      EXPECT_EQ(x.source(), y.source()) << where;
-      EXPECT_EQ(x.url(), y.url()) << where;
-      EXPECT_EQ(x.urlName(), y.urlName()) << where;
-      EXPECT_EQ(x.symbol(), y.symbol()) << where;
-      EXPECT_EQ(x.type(), y.type()) << where;
-      EXPECT_EQ(x.urlAsPDF(), y.urlAsPDF()) << where;
-      ASSERT_EQ(x.geocache() != nullptr, y.geocache() != nullptr) << where;
-      if (x.geocache()) expectSameGeocache(*x.geocache(), *y.geocache(), where);
+      EXPECT_EQ(waypointFieldsOf(x), waypointFieldsOf(y));
+      ASSERT_EQ(x.geocache() != nullptr, y.geocache() != nullptr);
+      if (x.geocache()) {
+        EXPECT_EQ(fieldsOf(*x.geocache()), fieldsOf(*y.geocache()));
+        ASSERT_EQ(x.geocache()->logs.size(), y.geocache()->logs.size());
+        for (size_t k = 0; k < x.geocache()->logs.size(); ++k) {
+          EXPECT_EQ(fieldsOf(*x.geocache()->logs[k]), fieldsOf(*y.geocache()->logs[k])) << "log " << k;
+        }
+      }
     }
-    ASSERT_EQ(x.trackPhotos().size(), y.trackPhotos().size()) << where;
+    ASSERT_EQ(x.trackPhotos().size(), y.trackPhotos().size());
     for (size_t k = 0; k < x.trackPhotos().size(); ++k) {
-      expectSamePhoto(*x.trackPhotos()[k], *y.trackPhotos()[k], where + " photo " + std::to_string(k));
+      EXPECT_EQ(fieldsOf(*x.trackPhotos()[k]), fieldsOf(*y.trackPhotos()[k])) << "photo " << k;
     }
   }
   EXPECT_EQ(a.startTime(), b.startTime());

@@ -4,6 +4,7 @@
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/support/FileHandling.h"
 #include "tests/common/ScratchFolder.h"
+#include "tests/common/TrackBuilders.h"
 
 #include <gtest/gtest.h>
 
@@ -29,21 +30,9 @@ class LibraryTest : public ::testing::Test {
     library->syncFromDisk();
   }
 
-  /// A track of n points one minute apart, walking north.
-  static TrackPtr walk(const std::string& name, int n, const std::string& start = "2012-05-01T10:00:00+02:00") {
-    auto track = Track::trackWithName(name);
-    track->setIsLoaded(true);
-    const auto begin = ISODate::isoDateWithString(start).value();
-    for (int i = 0; i < n; ++i) {
-      auto p = TrackPoint::trackPointWithParent(track.get());
-      p->setLatitude(47.0 + i * 0.001);
-      p->setLongitude(8.0);
-      p->setElevation(400 + i);
-      p->setTime(begin.dateByAddingYears(0, 0, 0, 0, i, 0));
-      track->addTrackPoint(p);
-    }
-    track->updateAll();
-    return track;
+  static TrackPtr walk(const std::string& name, int n,
+                       const std::string& start = "2012-05-01T10:00:00+02:00") {
+    return ::kvtrack::testing::walk(name, n, start);
   }
 
   ScratchFolder folder;

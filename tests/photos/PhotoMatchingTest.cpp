@@ -18,23 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::at;
-
-// n points one minute apart from the start, walking north from 47.0 / 8.0.
-TrackPtr walk(const std::string& name, int n, const std::string& start) {
-  auto track = Track::trackWithName(name);
-  track->setIsLoaded(true);
-  const ISODate begin = at(start);
-  for (int i = 0; i < n; ++i) {
-    auto point = TrackPoint::trackPointWithParent(track.get());
-    point->setLatitude(47.0 + i * 0.001);
-    point->setLongitude(8.0);
-    point->setElevation(400 + i);
-    point->setTime(begin.dateByAddingYears(0, 0, 0, 0, i, 0));
-    track->addTrackPoint(point);
-  }
-  track->updateAll();
-  return track;
-}
+using testing::walk;
 
 std::vector<std::string> pathsOn(const TrackPoint& point) {
   std::vector<std::string> paths;
