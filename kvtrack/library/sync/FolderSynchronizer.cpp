@@ -43,12 +43,6 @@ std::shared_ptr<Track> borrowed(Track& track) {
   return std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
 }
 
-bool writeBytes(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return static_cast<bool>(out.flush());
-}
-
 // The track as the library writes it; the GPX writer wants a file, so it
 // goes through one in the private scratch folder.
 std::optional<std::string> gpxOfTrack(Track& track) {
@@ -114,13 +108,10 @@ bool FolderSynchronizer::writeTrack(Track& track) {
   }
   const std::string id = *track.iCloudId();
   // The record goes last: whoever sees it finds the track file complete.
-  const auto writeGzip = [&](const std::string& temporary) {
-    return writeBytes(temporary, *compressed);
-  };
   const auto writeRecord = [&](const std::string& temporary) {
     return TrackICloud::writeiCloudMetadataToURL(track, temporary);
   };
-  return writeFileAtomically(trackFile(id), writeGzip) &&
+  return writeFileAtomically(trackFile(id), *compressed) &&
          writeFileAtomically(recordFile(id), writeRecord);
 }
 
