@@ -19,12 +19,6 @@ namespace kvtrack {
 
 namespace {
 
-// A shared pointer for code that wants one, without taking ownership.
-std::shared_ptr<Track> borrowed(Track& track) {
-  if (auto owned = track.weak_from_this().lock()) return owned;
-  return std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
-}
-
 std::shared_ptr<ICloudSynchronizer> activeSynchronizer() {
   auto& preferences = KvPreferences::singleton();
   if (!preferences.iCloudSupported().value_or(false)) return nullptr;
@@ -39,7 +33,7 @@ void LibraryTrackStore::loadTrack(Track& track) {
     // A damaged file may stop the reader inside the track's name; the index
     // keeps the name the user gave, so a failed read must not change it.
     const std::string name = track.name();
-    if (!TrackGPX(borrowed(track)).importFrom(path)) track.setName(name);
+    if (!TrackGPX(track).importFrom(path)) track.setName(name);
   }
   track.setIsDirty(false);
   track.setIsLoaded(true);
@@ -61,7 +55,7 @@ bool LibraryTrackStore::saveTrack(Track& track) {
     const std::string path = library_.folder() + "/" + track.filename().value_or("");
     GpxExportConfiguration configuration;
     const bool written = writeFileAtomically(path, [&](const std::string& temporary) {
-      return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
+      return TrackGPX(track).exportTo(temporary, configuration);
     });
     if (!written) return false;  // stays dirty: the next save tries again
     if (synchronizer && track.iCloudId()) synchronizer->writeTrackToiCloud(track);
@@ -88,7 +82,7 @@ bool LibraryTrackStore::saveTrackWithExternalGPX(Track& track) {
   configuration.setExportGeocachingDescriptionAndLogsInExternalFolder(folder);
   configuration.setExportWaypointsOnly(true);
   const bool written = writeFileAtomically(file, [&](const std::string& temporary) {
-    return TrackGPX(borrowed(track)).exportTo(temporary, configuration);
+    return TrackGPX(track).exportTo(temporary, configuration);
   });
   if (written) track.setIsDirty(false);
   return written;

@@ -15,6 +15,9 @@ namespace kvtrack {
 class TrackGPX {
  public:
   explicit TrackGPX(std::shared_ptr<Track> track);
+  /// For a track the caller keeps alive (one held by reference, maybe not
+  /// by a shared pointer) for as long as this object is used.
+  explicit TrackGPX(Track& track);
   static std::unique_ptr<TrackGPX> trackGPXWithTrack(std::shared_ptr<Track> track) {
     return std::make_unique<TrackGPX>(std::move(track));
   }

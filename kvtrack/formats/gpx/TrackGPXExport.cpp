@@ -8,6 +8,12 @@ namespace kvtrack {
 
 TrackGPX::TrackGPX(std::shared_ptr<Track> track) : track_(std::move(track)) {}
 
+// The track's own shared pointer when it has one; otherwise one that owns
+// nothing (the caller keeps the track alive).
+TrackGPX::TrackGPX(Track& track) : track_(track.weak_from_this().lock()) {
+  if (!track_) track_ = std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
+}
+
 bool TrackGPX::exportTo(const std::string& path, GpxExportConfiguration& configuration) {
   configuration.setFilename(path);
   xml::XmlDocument document("gpx");

@@ -37,12 +37,6 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-// A shared pointer for the GPX writer, without taking ownership.
-std::shared_ptr<Track> borrowed(Track& track) {
-  if (auto owned = track.weak_from_this().lock()) return owned;
-  return std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
-}
-
 // The track as the library writes it; the GPX writer wants a file, so it
 // goes through one in the private scratch folder.
 std::optional<std::string> gpxOfTrack(Track& track) {
@@ -51,7 +45,7 @@ std::optional<std::string> gpxOfTrack(Track& track) {
   const std::string temporary = sandbox + "/mirror-" + FileHandling::guid() + ".gpx";
   GpxExportConfiguration configuration;
   std::optional<std::string> gpx;
-  if (TrackGPX(borrowed(track)).exportTo(temporary, configuration)) {
+  if (TrackGPX(track).exportTo(temporary, configuration)) {
     std::ifstream in(temporary, std::ios::binary);
     gpx.emplace(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
