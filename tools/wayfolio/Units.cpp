@@ -38,14 +38,8 @@ std::string Units::length(double kilometres) const {
 }
 
 std::string Units::shortLength(double kilometres) const {
-  const double metres = kilometres * 1000.0;
-  switch (mode_) {
-    case KvPreferences::kUnitModeFeetAndMph:
-    case KvPreferences::kUnitModeFeetAndKnots:
-      return figure(UnitConverter::metersToFeet(metres), 0, "ft");
-    default:
-      return figure(metres, 0, "m");
-  }
+  // Short lengths read like elevations: whole metres or feet.
+  return elevation(kilometres * 1000.0);
 }
 
 std::string Units::elevation(double metres) const {
