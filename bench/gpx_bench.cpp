@@ -46,14 +46,14 @@ int main(int argc, char** argv) {
 
   auto track = kvtrack::Track::track();
   auto start = std::chrono::steady_clock::now();
-  const bool read = kvtrack::TrackGPX(track).importFrom(argv[1]);
+  const bool read = kvtrack::TrackGPX(track).importFrom(argv[1]).ok();
   const double readSeconds = secondsSince(start);
   const long peak = statusBytes("VmHWM");
   const long after = statusBytes("VmRSS");
 
   kvtrack::GpxExportConfiguration configuration;
   start = std::chrono::steady_clock::now();
-  const bool written = kvtrack::TrackGPX(track).exportTo(argv[2], configuration);
+  const bool written = kvtrack::TrackGPX(track).exportTo(argv[2], configuration).ok();
   const double writeSeconds = secondsSince(start);
 
   std::printf("points: %zu (read %s, written %s)\n", track->trackPoints().size(),

@@ -62,7 +62,7 @@ int make(const std::string& folder, int count) {
     track->updateAll();
     parent->addTrack(track);
   }
-  const bool saved = library->syncToDisk();
+  const bool saved = library->syncToDisk().ok();
   library.reset();
   TrackLibrary::releaseSingleton();
   std::printf("made %d tracks in %s (%s)\n", count, folder.c_str(), saved ? "saved" : "SAVE FAILED");

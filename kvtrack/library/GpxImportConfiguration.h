@@ -53,6 +53,9 @@ class GpxImportConfiguration {
   void setNewTrackCounter(int64_t v) { newTrackCounter_ = v; }
   int64_t identicalTrackCounter() const { return identicalTrackCounter_; }
   void setIdenticalTrackCounter(int64_t v) { identicalTrackCounter_ = v; }
+  /// Points skipped for a missing, non-numeric or impossible position.
+  int64_t invalidPositionCounter() const { return invalidPositionCounter_; }
+  void setInvalidPositionCounter(int64_t v) { invalidPositionCounter_ = v; }
 
  private:
   bool setTimeZone_ = true;
@@ -66,6 +69,7 @@ class GpxImportConfiguration {
   std::optional<std::string> filename_;
   int64_t newTrackCounter_ = 0;
   int64_t identicalTrackCounter_ = 0;
+  int64_t invalidPositionCounter_ = 0;
 };
 
 }  // namespace kvtrack

@@ -6,6 +6,8 @@
 #include "kvtrack/support/CaseInsensitive.h"
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/NumberText.h"
+#include "kvtrack/support/StagedFiles.h"
+#include "kvtrack/support/SystemCalls.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -30,14 +32,27 @@ TrackPtr collection(const char* name, const char* filename) {
 }
 
 // ".<file>.XXXXXX": the temporary file of a save that was killed before it
-// could replace its target.
-bool isLeftoverOfInterruptedSave(const std::string& name) {
-  if (name.size() < 9 || name.front() != '.' || name[name.size() - 7] != '.') return false;
-  if (!std::all_of(name.end() - 6, name.end(), [](unsigned char c) { return std::isalnum(c); })) {
-    return false;
-  }
+// could replace one of the library's files.
+bool isLeftoverOfLibrarySave(const std::string& name) {
+  if (!isLeftoverOfInterruptedSave(name)) return false;
   const std::string target = name.substr(1, name.size() - 8);
-  return target.ends_with(".gpx") || target.ends_with(".gpxx") || target.ends_with(".wayfolio");
+  return target.ends_with(".gpx") || target.ends_with(".gpxx") ||
+         target.starts_with(TrackLibrary::kIndexName);
+}
+
+// "Track00000042.gpx" -> 42: the numbers in the names the library gives files.
+std::optional<int32_t> numberedName(const std::string& filename, std::string_view prefix,
+                                    std::string_view suffix) {
+  if (filename.size() <= prefix.size() + suffix.size() || !filename.starts_with(prefix) ||
+      !filename.ends_with(suffix)) {
+    return std::nullopt;
+  }
+  const std::string digits =
+      filename.substr(prefix.size(), filename.size() - prefix.size() - suffix.size());
+  if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) {
+    return std::nullopt;
+  }
+  return static_cast<int32_t>(std::stol(digits));
 }
 
 // The library as a folder pointer that owns nothing: usable while it is
@@ -53,7 +68,7 @@ TrackLibraryPtr TrackLibrary::singleton() {
   std::lock_guard lock(creation);
   if (auto library = current()) return library;
   auto library = trackLibraryWithFileHandling(FileHandling::singleton());
-  library->syncFromDisk();
+  (void)library->syncFromDisk();  // a missing or damaged index is logged
   return library;
 }
 
@@ -72,7 +87,7 @@ TrackLibraryPtr TrackLibrary::trackLibraryWithFileHandling(FileHandling& fileHan
     registered = library;
   }
   previous.reset();  // saves the old library before the new one takes over the store
-  TrackStore::setShared(std::make_shared<LibraryTrackStore>(*library));
+  TrackStore::setShared(library->store_);
   library->geocacheTrack_->loadFromLibrary();
   library->waypointTrack_->loadFromLibrary();
   return library;
@@ -89,10 +104,11 @@ void TrackLibrary::releaseSingleton() {
 TrackLibrary::TrackLibrary(FileHandling& fileHandling)
     : fileHandling_(fileHandling),
       geocacheTrack_(collection("geocaches", "all_geocaches.gpxx")),
-      waypointTrack_(collection("waypoints", "all_waypoints.gpxx")) {}
+      waypointTrack_(collection("waypoints", "all_waypoints.gpxx")),
+      store_(std::make_shared<LibraryTrackStore>(*this)) {}
 
 TrackLibrary::~TrackLibrary() {
-  syncToDisk();
+  (void)syncToDisk();  // a failure is logged; the files stay as they were
   // Tracks that outlive the library must not reach for its files.
   if (auto store = std::dynamic_pointer_cast<LibraryTrackStore>(TrackStore::shared());
       store && store->library() == this) {
@@ -115,25 +131,65 @@ void TrackLibrary::increaseTrackCounter() {
   ++trackCounter_;
 }
 
-bool TrackLibrary::syncToDisk() {
+Status TrackLibrary::syncToDisk() {
   Lock lock(*this);
-  bool ok = true;
-  for (const auto& track : allTracks()) ok = track->saveToLibrary() && ok;
-  ok = geocacheTrack_->saveToLibraryWithExternalGPX() && ok;
-  ok = waypointTrack_->saveToLibraryWithExternalGPX() && ok;
-  TrackLibraryXML index;
-  index.setIsStandardLibrary(true);
-  ok = index.exportTo(folder() + "/library.wayfolio", unowned(*this)) && ok;
+  if (readOnly_) return {};
+  LibrarySave save(*store_);
+  Status status;
+  for (const auto& track : allTracks()) {
+    if (status) status = save.addTrack(*track);
+  }
+  if (status) status = save.addCollection(*geocacheTrack_);
+  if (status) status = save.addCollection(*waypointTrack_);
+  std::optional<std::string> index;
+  if (status) status = stageIndex(save, index);
+  if (status) status = save.commit();
+  if (!status) {
+    logf("Error writing file: {}", status.reason());
+    return status;
+  }
+  if (index) {
+    indexOnDisk_ = std::move(index);
+    damagedIndexAside_.reset();
+  }
   cleanup();
-  return ok;
+  return {};
 }
 
-void TrackLibrary::syncFromDisk() {
+// The index goes last in the save; the one it replaces becomes the
+// previous index, and a damaged one is kept aside.
+Status TrackLibrary::stageIndex(LibrarySave& save, std::optional<std::string>& staged) {
+  TrackLibraryXML writer;
+  writer.setIsStandardLibrary(true);
+  std::string index = writer.exportText(unowned(*this));
+  std::error_code error;
+  if (index == indexOnDisk_ && std::filesystem::exists(indexPath(), error)) return {};
+  if (damagedIndexAside_ && std::filesystem::exists(indexPath(), error)) {
+    const std::string aside = folder() + "/" + *damagedIndexAside_;
+    if (SystemCalls::current().link(indexPath().c_str(), aside.c_str()) != 0 && errno != EEXIST) {
+      return systemFailure("keep a copy of", indexPath());
+    }
+  }
+  if (indexOnDisk_) {
+    if (Status kept = save.addFile(previousIndexPath(), *indexOnDisk_); !kept) return kept;
+  }
+  if (Status written = save.addFile(indexPath(), index); !written) return written;
+  staged = std::move(index);
+  return {};
+}
+
+Status TrackLibrary::syncFromDisk() {
   Lock lock(*this);
   TrackLibraryXML index;
   index.setIsStandardLibrary(true);
-  index.importFrom(folder() + "/library.wayfolio", unowned(*this));
+  Result<std::string> bytes = readWholeFile(indexPath());
+  // A missing file still goes to the reader, which says so in the log.
+  Status status = bytes ? index.importText(*bytes, unowned(*this))
+                        : index.importFrom(indexPath(), unowned(*this));
+  if (status) indexOnDisk_ = std::move(*bytes);
+  namedFiles_ = currentFilenames();
   setMetadataDirtyOfAllTracks(false);
+  return status;
 }
 
 bool TrackLibrary::atLeastOneTrackDirty() const {
@@ -146,25 +202,55 @@ bool TrackLibrary::atLeastOneTrackDirty() const {
 
 std::string TrackLibrary::generateFilename(const Track& track) const { return track.name() + ".gpx"; }
 
+std::set<std::string> TrackLibrary::currentFilenames() const {
+  std::set<std::string> names;
+  for (const auto& track : allTracks()) {
+    if (track->filename()) names.insert(*track->filename());
+  }
+  return names;
+}
+
 void TrackLibrary::cleanup() {
   Lock lock(*this);
   const std::filesystem::path root(folder());
-  std::set<std::string> orphans;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
-    const std::string name = entry.path().filename().string();
-    std::string lower = name;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (lower.ends_with(".gpx")) orphans.insert(name);
-    if (isLeftoverOfInterruptedSave(name)) std::filesystem::remove(entry.path(), error);
-  }
-  for (const auto& track : allTracks()) {
-    if (track->filename()) orphans.erase(*track->filename());
-  }
-  for (const auto& name : orphans) {
+  std::set<std::string> named = currentFilenames();
+  for (const auto& name : namedFiles_) {
+    if (named.count(name) || name.find('/') != std::string::npos) continue;
     std::filesystem::remove(root / name, error);
     std::filesystem::remove(root / (name + "_tp"), error);
+  }
+  namedFiles_ = std::move(named);
+  for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
+    if (isLeftoverOfLibrarySave(entry.path().filename().string())) {
+      std::filesystem::remove(entry.path(), error);
+    }
+  }
+}
+
+void TrackLibrary::repairTrackCounter() {
+  Lock lock(*this);
+  int32_t next = trackCounter_;
+  const auto consider = [&](const std::string& filename) {
+    if (const auto number = numberedName(filename, "Track", ".gpx")) next = std::max(next, *number + 1);
+  };
+  for (const auto& name : currentFilenames()) consider(name);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder(), error)) {
+    consider(entry.path().filename().string());
+  }
+  trackCounter_ = next;
+  // The collections' descriptions live in "desc%09d.gpxx" files of their
+  // "_ext" folders; a counter behind them would overwrite them.
+  for (const TrackPtr& collection : {geocacheTrack_, waypointTrack_}) {
+    int32_t nextDescription = collection->counterGPXExternal();
+    const std::string descriptions = folder() + "/" + collection->filename().value_or("") + "_ext";
+    for (const auto& entry : std::filesystem::directory_iterator(descriptions, error)) {
+      if (const auto number = numberedName(entry.path().filename().string(), "desc", ".gpxx")) {
+        nextDescription = std::max(nextDescription, *number + 1);
+      }
+    }
+    collection->setCounterGPXExternal(nextDescription);
   }
 }
 
@@ -233,12 +319,12 @@ PointInTrack TrackLibrary::findNearestPointForLatitude(double latitude, double l
   return findNearestPointForLatitude(latitude, longitude, PointInTrack::end(), selectedTracksOnly);
 }
 
-bool TrackLibrary::exportGPX(const std::string& path, GpxExportConfiguration& configuration) const {
+Status TrackLibrary::exportGPX(const std::string& path, GpxExportConfiguration& configuration) const {
   return TrackLibraryGPX().exportTo(path, configuration);
 }
 
-bool TrackLibrary::exportSelectedGPX(const std::string& path,
-                                     GpxExportConfiguration& configuration) const {
+Status TrackLibrary::exportSelectedGPX(const std::string& path,
+                                       GpxExportConfiguration& configuration) const {
   return TrackLibraryGPX().exportSelected(path, configuration);
 }
 

@@ -3,7 +3,7 @@
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackStorage.h"
-#include "kvtrack/support/AtomicFile.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/CaseInsensitive.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
@@ -100,13 +100,7 @@ TrackPtr TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std:
   const std::string folder =
       library ? library->folder() : FileHandling::singleton().userApplicationSupport();
   // Like every library file, replaced only by a complete one.
-  const bool written = writeFileAtomically(
-      folder + "/" + *track->filename(), [&](const std::string& temporary) {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(gpx->data(), static_cast<std::streamsize>(gpx->size()));
-        return static_cast<bool>(out.flush());
-      });
-  if (!written) return nullptr;
+  if (!writeFileAtomically(folder + "/" + *track->filename(), *gpx)) return nullptr;
   // Read from that file on first use.
   track->setIsLoaded(false);
   track->setIsDirty(false);

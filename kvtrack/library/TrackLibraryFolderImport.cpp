@@ -18,7 +18,8 @@ bool endsWithIgnoringCase(const std::string& text, std::string_view ending) {
 }
 
 // The intermediate file goes before each conversion, so a conversion that
-// fails reads as a missing file instead of the previous file's data.
+// fails reads as a missing file instead of the previous file's data, and
+// again once it has been read.
 std::string intermediateFile(const char* name) {
   const auto library = TrackLibrary::singleton();
   const std::string path = library->folder() + "/" + name;
@@ -34,11 +35,16 @@ bool importIntermediate(TrackLibraryFolder& folder, const std::string& path,
   fresh.setTargetFolder(std::dynamic_pointer_cast<TrackLibraryFolder>(folder.shared_from_this()));
   TrackLibraryGPX importer;
   importer.importFrom(path, fresh);
+  // The tracks are in memory now; the library names only files it keeps.
+  std::error_code ignored;
+  std::filesystem::remove(path, ignored);
   if (caller) {
     auto& tracks = caller->mutableImportedTracks();
     tracks.insert(tracks.end(), fresh.importedTracks().begin(), fresh.importedTracks().end());
     caller->setIdenticalTrackCounter(caller->identicalTrackCounter() + fresh.identicalTrackCounter());
     caller->setNewTrackCounter(caller->newTrackCounter() + fresh.newTrackCounter());
+    caller->setInvalidPositionCounter(caller->invalidPositionCounter() +
+                                      fresh.invalidPositionCounter());
   }
   return importer.lastImportSucceeded();
 }

@@ -39,22 +39,21 @@ class TrackLibraryGPX {
 
   /// With trackOnly, that track alone (waypoints and track, whatever
   /// exportWaypointsOnly says); otherwise every track, or the selected ones.
-  /// Ignores useGPX10 and leaves the configuration's filename alone. False
-  /// when the file cannot be written (not logged).
-  bool exportTo(const std::string& path, bool selectedOnly, const TrackPtr& trackOnly,
-                GpxExportConfiguration& configuration);
+  /// Ignores useGPX10 and leaves the configuration's filename alone.
+  Status exportTo(const std::string& path, bool selectedOnly, const TrackPtr& trackOnly,
+                  GpxExportConfiguration& configuration);
 
-  bool exportTo(const std::string& path, GpxExportConfiguration& configuration) {
+  Status exportTo(const std::string& path, GpxExportConfiguration& configuration) {
     return exportTo(path, false, nullptr, configuration);
   }
-  bool exportSelected(const std::string& path, GpxExportConfiguration& configuration) {
+  Status exportSelected(const std::string& path, GpxExportConfiguration& configuration) {
     return exportTo(path, true, nullptr, configuration);
   }
-  bool exportTo(const std::string& path, bool selectedOnly, GpxExportConfiguration& configuration) {
+  Status exportTo(const std::string& path, bool selectedOnly, GpxExportConfiguration& configuration) {
     return exportTo(path, selectedOnly, nullptr, configuration);
   }
-  bool exportTo(const std::string& path, const TrackPtr& track,
-                GpxExportConfiguration& configuration) {
+  Status exportTo(const std::string& path, const TrackPtr& track,
+                  GpxExportConfiguration& configuration) {
     return exportTo(path, false, track, configuration);
   }
 

@@ -13,7 +13,7 @@ TrackLibraryGPX::TrackLibraryGPX()
         return library ? library->allTracks() : std::vector<TrackPtr>{};
       }) {}
 
-bool TrackLibraryGPX::exportTo(const std::string& path, bool selectedOnly,
+Status TrackLibraryGPX::exportTo(const std::string& path, bool selectedOnly,
                                const TrackPtr& trackOnly, GpxExportConfiguration& configuration) {
   xml::XmlDocument document("gpx");
   const xml::XmlElement root = document.root();
@@ -38,7 +38,7 @@ bool TrackLibraryGPX::exportTo(const std::string& path, bool selectedOnly,
       }
     }
   }
-  return document.save(path, "UTF-8", false);
+  return document.save(path, "UTF-8");
 }
 
 }  // namespace kvtrack

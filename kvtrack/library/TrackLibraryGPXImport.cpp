@@ -2,6 +2,7 @@
 #include "kvtrack/formats/geocache/GeocacheExternalImport.h"
 #include "kvtrack/formats/gpx/GpxHandlers.h"
 #include "kvtrack/library/ICloudSynchronizer.h"
+#include "kvtrack/library/LibraryRecovery.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackLibraryGPX.h"
 #include "kvtrack/support/FileHandling.h"
@@ -24,8 +25,8 @@ std::atomic<int32_t> filedGeocaches{0};
 class LibraryRoot : public xml::SaxHandler {
  public:
   LibraryRoot(TrackLibraryFolder& folder, GpxImportConfiguration& configuration,
-              const std::string& importFilename)
-      : folder_(folder), configuration_(configuration), importFilename_(importFilename) {}
+              gpx::ReadContext& context)
+      : folder_(folder), configuration_(configuration), context_(context) {}
 
   std::vector<TrackPtr> created;
   std::vector<TrackPointPtr> wayPoints;
@@ -40,13 +41,12 @@ class LibraryRoot : public xml::SaxHandler {
       track->setIsLoaded(true);
       folder_.addTrack(track);
       created.push_back(track);
-      gpx::TrackGPXElement::trackGPXElementForTrack(*track, parser, importFilename_);
+      gpx::TrackGPXElement::trackGPXElementForTrack(*track, parser, context_);
       ++trackCounter;
       if (delegate) delegate->notificationNewTrackOk();
     } else if (name == "wpt") {
-      auto point = TrackPoint::trackPointWithParent(nullptr);
-      wayPoints.push_back(point);
-      gpx::WayPointGPXElement::wayPointGPXElementForTrackPoint(point, parser, attributes);
+      auto point = gpx::WayPointGPXElement::startWayPoint(nullptr, parser, attributes, context_);
+      if (point) wayPoints.push_back(std::move(point));
     }
   }
 
@@ -59,7 +59,7 @@ class LibraryRoot : public xml::SaxHandler {
  private:
   TrackLibraryFolder& folder_;
   GpxImportConfiguration& configuration_;
-  const std::string& importFilename_;
+  gpx::ReadContext& context_;
 };
 
 void notifyNewTrack(Track& track, GpxImportConfiguration& configuration) {
@@ -127,7 +127,9 @@ void fileAsGeocaches(Track& track, TrackLibrary& library) {
       ++filedGeocaches;
     }
   }
-  collection.saveToLibraryWithExternalGPX();
+  // Written now so that the descriptions can leave memory. After a failure
+  // (logged) they stay, and the collection is written with the next save.
+  if (!collection.saveToLibraryWithExternalGPX()) return;
   std::lock_guard<Track> lock(collection);
   for (const auto& point : collection.trackPoints()) {
     if (point->geocache()) point->geocache()->unloadExternals();
@@ -152,9 +154,12 @@ int32_t TrackLibraryGPX::importFrom(const std::string& path, GpxImportConfigurat
     return 0;
   }
   importFilename_ = path;
-  LibraryRoot root(*target, configuration, importFilename_);
+  gpx::ReadContext context{path, 0};
+  LibraryRoot root(*target, configuration, context);
   xml::SaxParser parser;
   const bool parsed = parser.parseFile(path, root);
+  configuration.setInvalidPositionCounter(configuration.invalidPositionCounter() +
+                                          context.invalidPositions);
   const bool external = nextImportIsExternal;
   std::vector<TrackPtr>& created = root.created;
   int32_t& trackCounter = root.trackCounter;
@@ -167,11 +172,8 @@ int32_t TrackLibraryGPX::importFrom(const std::string& path, GpxImportConfigurat
       track->setTimezoneOffset(*timeZone);
     }
     if (const auto& prefix = configuration.trackIdPrefix()) {
-      const auto& start = track->startTime();
-      const auto& end = track->endTime();
-      if (start && end && !start->isEqualToDate(*end)) {
-        const std::string id = *prefix + ":" + start->descriptionForExiftool() + "-" +
-                               end->descriptionForExiftool();
+      if (const auto contentId = contentTrackId(*track, *prefix)) {
+        const std::string& id = *contentId;
         const bool ignoreIds =
             UserDefaults::singleton().boolForKey("IgnoreTrackIdDuringImport").value_or(false);
         if (library->trackWithTrackId(id) && !ignoreIds) {

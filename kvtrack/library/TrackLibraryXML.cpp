@@ -4,7 +4,7 @@
 #include "kvtrack/formats/xml/XmlTree.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackStorage.h"
-#include "kvtrack/support/AtomicFile.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/ISODate.h"
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/NumberText.h"
@@ -226,6 +226,7 @@ class IndexHandler final : public xml::SaxHandler {
   void startElement(xml::SaxParser&, std::string_view name,
                     const xml::Attributes& attributes) override {
     if (name == kRootElement) {
+      sawRoot_ = true;
       readRoot(attributes);
     } else if (name.starts_with(kFolderElement)) {
       // Deliberately a prefix test, so variant folder element names still read.
@@ -255,6 +256,7 @@ class IndexHandler final : public xml::SaxHandler {
   }
 
   bool reported() const { return reported_; }
+  bool sawRoot() const { return sawRoot_; }
 
  private:
   void readRoot(const xml::Attributes& attributes) {
@@ -327,6 +329,7 @@ class IndexHandler final : public xml::SaxHandler {
   bool isStandardLibrary_;
   std::vector<TrackLibraryFolderPtr> folders_;  // innermost open folder last
   bool reported_ = false;
+  bool sawRoot_ = false;
 };
 
 }  // namespace
@@ -372,37 +375,41 @@ std::string unescapeFromIndex(std::string_view text) {
   return result;
 }
 
-bool TrackLibraryXML::importFrom(const std::string& path, const TrackLibraryFolderPtr& folder) {
+Status TrackLibraryXML::importFrom(const std::string& path, const TrackLibraryFolderPtr& folder) {
   if (path.empty()) {
     logLine("Error creating URL!");
-    return false;
+    return Status::failure("no index file named");
   }
+  return read(folder, [&](xml::SaxParser& parser, xml::SaxHandler& handler) {
+    return parser.parseFile(path, handler);
+  });
+}
+
+Status TrackLibraryXML::importText(std::string_view text, const TrackLibraryFolderPtr& folder) {
+  return read(folder, [&](xml::SaxParser& parser, xml::SaxHandler& handler) {
+    return parser.parseText(text, handler);
+  });
+}
+
+Status TrackLibraryXML::read(const TrackLibraryFolderPtr& folder, const Parse& parse) {
   if (!folder) {
     logLine("TrackLibraryXML: No folder to read into!");
-    return false;
+    return Status::failure("no folder to read into");
   }
   xml::SaxParser parser;
   IndexHandler handler(folder, isStandardLibrary_);
-  if (!parser.parseFile(path, handler)) {
+  if (!parse(parser, handler)) {
+    const xml::ParseError error = parser.error().value_or(xml::ParseError{-1, "unknown error", 0, 0});
     // A file that cannot be opened never reaches the handler.
-    if (!handler.reported()) {
-      IndexHandler::logError(parser.error().value_or(xml::ParseError{-1, "unknown error", 0, 0}));
-    }
+    if (!handler.reported()) IndexHandler::logError(error);
     logLine("TrackLibraryXML: Error parsing file!");
-    return false;
+    return Status::failure(error.reason());
   }
-  return true;
+  if (!handler.sawRoot()) return Status::failure("it is not a library index (no wayfoliolib element)");
+  return {};
 }
 
-bool TrackLibraryXML::exportTo(const std::string& path, const TrackLibraryFolderPtr& folder) {
-  if (path.empty()) {
-    logLine("Error creating URL!");
-    return false;
-  }
-  if (!folder) {
-    logLine("TrackLibraryXML: No folder to write!");
-    return false;
-  }
+std::string TrackLibraryXML::exportText(const TrackLibraryFolderPtr& folder) const {
   int32_t trackCounter = 0;
   int32_t counterGPXExternal = 0;
   if (const TrackLibrary* library = libraryOf(folder.get())) {
@@ -411,7 +418,6 @@ bool TrackLibraryXML::exportTo(const std::string& path, const TrackLibraryFolder
       counterGPXExternal = geocaches->counterGPXExternal();
     }
   }
-
   xml::XmlDocument document(kRootElement);
   xml::XmlElement root = document.root();
   root.setAttribute("creator", "Wayfolio");
@@ -419,26 +425,36 @@ bool TrackLibraryXML::exportTo(const std::string& path, const TrackLibraryFolder
   root.setAttribute("trackCounter", fmt::format("{}", trackCounter));
   root.setAttribute("geocacheTrackCounterGPXExternal", fmt::format("{}", counterGPXExternal));
   IndexWriter{isStandardLibrary_}.exportTrackLibraryFolder(folder, root, 1);
-
-  // Through a temporary file: a failed save keeps the previous index.
-  return writeFileAtomically(
-      path, [&](const std::string& temporary) { return document.save(temporary, "UTF-8", false); });
+  return document.text("UTF-8");
 }
 
-bool TrackLibraryXML::importFrom(const std::string& path) {
+Status TrackLibraryXML::exportTo(const std::string& path, const TrackLibraryFolderPtr& folder) {
+  if (path.empty()) {
+    logLine("Error creating URL!");
+    return Status::failure("no index file named");
+  }
+  if (!folder) {
+    logLine("TrackLibraryXML: No folder to write!");
+    return Status::failure("no folder to write");
+  }
+  // Through a temporary file: a failed save keeps the previous index.
+  return writeFileAtomically(path, exportText(folder));
+}
+
+Status TrackLibraryXML::importFrom(const std::string& path) {
   const TrackLibraryPtr library = TrackLibrary::current();
   if (!library) {
     logLine("TrackLibraryXML: No track library to read into!");
-    return false;
+    return Status::failure("no library to read into");
   }
   return importFrom(path, library);
 }
 
-bool TrackLibraryXML::exportTo(const std::string& path) {
+Status TrackLibraryXML::exportTo(const std::string& path) {
   const TrackLibraryPtr library = TrackLibrary::current();
   if (!library) {
     logLine("TrackLibraryXML: No track library to write!");
-    return false;
+    return Status::failure("no library to write");
   }
   return exportTo(path, library);
 }

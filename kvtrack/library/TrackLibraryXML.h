@@ -3,7 +3,11 @@
 // metadata (names, file names, times, counts, length, identifiers), so the
 // library opens without reading any track file.
 
+#include "kvtrack/formats/xml/SaxParser.h"
 #include "kvtrack/library/TrackLibraryFolder.h"
+#include "kvtrack/support/Status.h"
+
+#include <functional>
 
 #include <string>
 #include <vector>
@@ -19,16 +23,23 @@ class TrackLibraryXML {
   bool isStandardLibrary() const { return isStandardLibrary_; }
   void setIsStandardLibrary(bool value) { isStandardLibrary_ = value; }
 
-  /// Reads the index into the folder (tracks stay unloaded). False when the
-  /// file is missing or broken; what was read before an error stays.
-  bool importFrom(const std::string& path, const TrackLibraryFolderPtr& folder);
-  /// Writes the folder's tree; false (logged) on failure, the old file kept.
-  bool exportTo(const std::string& path, const TrackLibraryFolderPtr& folder);
+  /// Reads the index into the folder (tracks stay unloaded). Fails when the
+  /// file is missing, broken or not an index; what was read before an
+  /// error stays.
+  Status importFrom(const std::string& path, const TrackLibraryFolderPtr& folder);
+  Status importText(std::string_view text, const TrackLibraryFolderPtr& folder);
+  /// Writes the folder's tree; on failure (logged) the old file is kept.
+  Status exportTo(const std::string& path, const TrackLibraryFolderPtr& folder);
+  /// The index of the folder's tree as written.
+  std::string exportText(const TrackLibraryFolderPtr& folder) const;
   /// The same with the library as the folder.
-  bool importFrom(const std::string& path);
-  bool exportTo(const std::string& path);
+  Status importFrom(const std::string& path);
+  Status exportTo(const std::string& path);
 
  private:
+  using Parse = std::function<bool(xml::SaxParser&, xml::SaxHandler&)>;
+  Status read(const TrackLibraryFolderPtr& folder, const Parse& parse);
+
   bool isStandardLibrary_ = true;
 };
 

@@ -57,21 +57,22 @@ void Track::unload() {
   Lock lock(*this);
   if (!isLoaded_) return;
   NotificationCenter::defaultCenter().postNotification("UnloadingTrack", weak_from_this().lock());
-  saveToLibrary();
+  // Points that could not be saved stay in memory rather than being lost.
+  if (!saveToLibrary()) return;
   isLoaded_ = false;
   trackPoints_.clear();
 }
 
-bool Track::saveToLibrary() {
+Status Track::saveToLibrary() {
   Lock lock(*this);
   auto store = TrackStore::shared();
-  return store ? store->saveTrack(*this) : true;
+  return store ? store->saveTrack(*this) : Status();
 }
 
-bool Track::saveToLibraryWithExternalGPX() {
+Status Track::saveToLibraryWithExternalGPX() {
   Lock lock(*this);
   auto store = TrackStore::shared();
-  return store ? store->saveTrackWithExternalGPX(*this) : true;
+  return store ? store->saveTrackWithExternalGPX(*this) : Status();
 }
 
 std::vector<TrackPointPtr>& Track::trackPoints() {

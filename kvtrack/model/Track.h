@@ -13,6 +13,7 @@
 #include "kvtrack/model/NamedAndTimedObject.h"
 #include "kvtrack/model/PointInTrack.h"
 #include "kvtrack/model/TrackPoint.h"
+#include "kvtrack/support/Status.h"
 
 #include <atomic>
 #include <cstdint>
@@ -242,11 +243,17 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   /// Reads the points from the library on first use; always true.
   bool loadFromLibrary();
   /// Saves and drops the points; the metadata stay. Posts "UnloadingTrack" first.
+  /// Points that cannot be saved stay loaded.
   void unload();
   /// Writes the track file when the track is dirty and loaded.
-  bool saveToLibrary();
+  Status saveToLibrary();
   /// The same for the library's own collections (descriptions kept apart).
-  bool saveToLibraryWithExternalGPX();
+  Status saveToLibraryWithExternalGPX();
+  /// Why the track's file could not be read whole when it was loaded
+  /// ("its file Track00000003.gpx is missing"); nothing for a sound track.
+  /// The library keeps the file's bytes aside before it saves such a track.
+  const std::optional<std::string>& damage() const { return damage_; }
+  void setDamage(std::optional<std::string> reason) { damage_ = std::move(reason); }
 
  private:
   mutable std::recursive_mutex mutex_;
@@ -280,6 +287,7 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   std::optional<std::string> iCloudId_;
   bool iCloudIsUploading_ = false;
   double iCloudTimestamp_ = 0.0;
+  std::optional<std::string> damage_;
 };
 
 using TrackPtr = std::shared_ptr<Track>;

@@ -48,6 +48,14 @@ class TrackPoint {
   /// Re-expresses the time (if any) in another offset; the instant stays.
   void setTimezoneOffsetOfTime(int32_t minutes) { timeOffset_ = minutes; }
 
+  /// A position a receiver can have recorded: latitude within [-90, 90],
+  /// longitude within [-180, 180], both finite. Readers skip points that
+  /// fail it rather than let the normalising setters fold them into
+  /// another place.
+  static bool isValidPosition(double latitude, double longitude) {
+    return latitude >= -90.0 && latitude <= 90.0 && longitude >= -180.0 && longitude <= 180.0;
+  }
+
   double latitude() const { return latitude_; }
   /// One step of normalisation only: 91 becomes -89, -91 becomes 89.
   void setLatitude(double latitude);

@@ -3,6 +3,8 @@
 // track can read its points on first use and get a file name, without the
 // model depending on the library.
 
+#include "kvtrack/support/Status.h"
+
 #include <memory>
 #include <string>
 
@@ -19,11 +21,11 @@ class TrackStore {
   virtual void loadTrack(Track& track) = 0;
   /// A fresh file name for a track.
   virtual std::string generateFilename(Track& track) = 0;
-  /// Writes a dirty loaded track to its file; true when nothing failed.
-  virtual bool saveTrack(Track&) { return true; }
+  /// Writes a dirty loaded track to its file.
+  virtual Status saveTrack(Track&) { return {}; }
   /// Writes one of the library's collections with its descriptions kept
   /// in a folder beside the file.
-  virtual bool saveTrackWithExternalGPX(Track&) { return true; }
+  virtual Status saveTrackWithExternalGPX(Track&) { return {}; }
 
   /// The store of the running library, or null when there is none.
   static std::shared_ptr<TrackStore> shared();

@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 
@@ -273,6 +274,15 @@ std::string FileHandling::filenameWithoutSpecialCharacters(std::string_view name
     result.append(buffer, static_cast<size_t>(used));
   }
   return result;
+}
+
+std::string FileHandling::timestampForFilename() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &local);
+  return text;
 }
 
 std::string FileHandling::guid() {

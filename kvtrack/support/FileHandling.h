@@ -67,6 +67,8 @@ class FileHandling {
 
   /// A fresh random UUID in upper case.
   static std::string guid();
+  /// The local time now for names of files kept aside: "20261123-101500".
+  static std::string timestampForFilename();
 
  private:
   void removeSandbox();

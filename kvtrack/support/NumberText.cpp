@@ -42,6 +42,18 @@ std::string decimalText(double value) {
   return std::string(buffer, result.ptr);
 }
 
+std::optional<double> parseFiniteNumber(std::string_view text) {
+  text = trimLeft(text);
+  while (!text.empty() && trimLeft(text.substr(text.size() - 1)).empty()) text.remove_suffix(1);
+  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+  double value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
+    return std::nullopt;
+  }
+  return value;
+}
+
 std::string fixedText(double value) { return fmt::format("{:.6f}", value); }
 
 double parseDecimal(std::string_view text) {

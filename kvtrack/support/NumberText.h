@@ -2,6 +2,7 @@
 // Numbers to text and back, as the exchange formats need them. Locale-free.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,9 @@ std::string fixedText(double value);
 /// A decimal number from text (blanks around it allowed, a trailing
 /// non-number part ignored: "12.5m" is 12.5); NaN when no number starts it.
 double parseDecimal(std::string_view text);
+/// A number and nothing else (blanks around it allowed): "47.5", "-8",
+/// "1e-3"; nothing for "abc", "12abc", "", "nan" or "inf".
+std::optional<double> parseFiniteNumber(std::string_view text);
 /// Single precision, 0 when no number starts it (like C's atof).
 float parseFloatValue(std::string_view text);
 /// Leading blanks, optional sign, digits; 0 when there are none; clamped to

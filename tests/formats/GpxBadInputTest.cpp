@@ -30,7 +30,7 @@ struct Result {
 Result readFile(const std::string& path) {
   LogCapture capture;
   Result r;
-  r.ok = TrackGPX(r.track).importFrom(path);
+  r.ok = TrackGPX(r.track).importFrom(path).ok();
   r.log = capture.lines();
   return r;
 }

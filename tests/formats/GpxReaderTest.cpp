@@ -75,22 +75,36 @@ TEST(GpxReading, SegmentsRoutesAndWaypointNames) {
   EXPECT_FALSE(r[2]->isWayPoint());
 }
 
-TEST(GpxReading, UnreadablePositionsDropPointsAndBadNumbersBecomeNaN) {
+// A position that is missing, not a number or off the earth is never
+// folded into another place: the point is skipped and counted.
+TEST(GpxReading, InvalidPositionsSkipPointsAndBadNumbersBecomeNaN) {
   ScratchFolder folder;
-  auto track = read(folder, gpx(R"(
+  const std::string path = folder.write("bad.gpx", gpx(R"(
+    <wpt lat="999" lon="8"><name>Off</name></wpt>
     <trk><trkseg>
       <trkpt lat="north" lon="8"><time>2012-05-01T10:00:00Z</time><ele>3</ele><name>x</name>
         <extensions><wayfolio:photo filename="/dropped.jpg"/></extensions></trkpt>
       <trkpt lon="8"><ele>high</ele><time>yesterday</time><speed>fast</speed></trkpt>
-      <trkpt lat="47" lon="8"><ele> 12.5 </ele><wayfolio:speed>3.5</wayfolio:speed>
+      <trkpt lat="91" lon="8"/><trkpt lat="-90.5" lon="8"/><trkpt lat="1" lon="180.001"/>
+      <trkpt lat="47abc" lon="8"/><trkpt lat="nan" lon="8"/><trkpt lat="" lon="8"/>
+      <trkpt lat="47" lon="8"><ele>high</ele><time>yesterday</time><speed>fast</speed></trkpt>
+      <trkpt lat=" -90 " lon="-180"><ele> 12.5 </ele><wayfolio:speed>3.5</wayfolio:speed>
         <wayfolio:length>99</wayfolio:length></trkpt>
     </trkseg></trk>)"));
+  auto track = Track::track();
+  track->setIsLoaded(true);
+  TrackGPX reader(*track);
+  ASSERT_TRUE(reader.importFrom(path));
+  EXPECT_EQ(reader.invalidPositionCount(), 9);
   const auto& p = track->trackPoints();
   ASSERT_EQ(p.size(), 2u);
-  EXPECT_EQ(p[0]->latitude(), 0.0);  // missing: stays 0
+  EXPECT_EQ(p[0]->latitude(), 47.0);
   EXPECT_TRUE(std::isnan(p[0]->elevation()));
   EXPECT_FALSE(p[0]->hasTime());
   EXPECT_TRUE(std::isnan(p[0]->speed()));
+  EXPECT_TRUE(p[0]->trackPhotos().empty());
+  EXPECT_EQ(p[1]->latitude(), -90.0);
+  EXPECT_EQ(p[1]->longitude(), -180.0);
   EXPECT_EQ(p[1]->elevation(), 12.5);
   EXPECT_EQ(p[1]->speed(), 3.5);
   EXPECT_NE(p[1]->length(), 99.0);  // recomputed, never read

@@ -68,22 +68,26 @@ TEST_F(LibraryStorage, UnloadSavesAndDropsThePoints) {
   EXPECT_EQ(unloading, 2);
 }
 
-TEST_F(LibraryStorage, CleanupRemovesOnlyFilesNoTrackNames) {
-  auto track = walk("kept", 2);
-  library->addTrack(track);
+// Only files the library itself stopped naming go; a file it never knew
+// may be a track whose index entry was lost, and stays.
+TEST_F(LibraryStorage, SavesDeleteOnlyTheFilesOfRemovedTracks) {
+  auto kept = walk("kept", 2), removed = walk("removed", 2);
+  library->addTrack(kept);
+  library->addTrack(removed);
   ASSERT_TRUE(library->syncToDisk());
+  const std::string removedFile = folder.file(*removed->filename());
+  folder.write(*removed->filename() + "_tp", "x");
   folder.write("Track00000003.GPX", "<gpx/>");
-  folder.write("Track00000003.GPX_tp", "x");
-  folder.write("kml.gpx", "<gpx/>");
-  folder.write("all_geocaches.gpxx", "<gpx/>");
   folder.write(".library.wayfolio.Ab12Cd", "stale temporary file of a crashed save");
-  library->cleanup();
-  EXPECT_FALSE(fs::exists(folder.file("Track00000003.GPX")));
-  EXPECT_FALSE(fs::exists(folder.file("Track00000003.GPX_tp")));
-  EXPECT_FALSE(fs::exists(folder.file("kml.gpx")));
+  folder.write(".notes.txt.Ab12Cd", "not one of ours");
+  library->deleteTrack(removed);
+  ASSERT_TRUE(library->syncToDisk());
+  EXPECT_FALSE(fs::exists(removedFile));
+  EXPECT_FALSE(fs::exists(removedFile + "_tp"));
   EXPECT_FALSE(fs::exists(folder.file(".library.wayfolio.Ab12Cd")));
-  EXPECT_TRUE(fs::exists(folder.file("all_geocaches.gpxx")));
-  EXPECT_TRUE(fs::exists(folder.file(*track->filename())));
+  EXPECT_TRUE(fs::exists(folder.file(".notes.txt.Ab12Cd")));
+  EXPECT_TRUE(fs::exists(folder.file("Track00000003.GPX")));
+  EXPECT_TRUE(fs::exists(folder.file(*kept->filename())));
 }
 
 TEST_F(LibraryStorage, PathsAndSearches) {

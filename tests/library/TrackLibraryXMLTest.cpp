@@ -92,7 +92,7 @@ class TrackLibraryXMLTest : public ::testing::Test {
   bool read(const TrackLibraryFolderPtr& into, bool standard) {
     TrackLibraryXML xml;
     xml.setIsStandardLibrary(standard);
-    return xml.importFrom(path_, into);
+    return xml.importFrom(path_, into).ok();
   }
   TrackLibraryFolderPtr readText(const std::string& body) {
     scratch_.write("library.wayfolio", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + body);

@@ -11,6 +11,8 @@
 
 namespace wayfolio {
 
+class LibrarySession;
+
 /// A failure the user caused or can fix; main prints "wayfolio: error: <what>".
 class CommandError : public std::runtime_error {
  public:
@@ -23,9 +25,14 @@ struct Outcome {
   bool changed = false;
   /// Set when the command ran but did not fully succeed (exit status 1).
   std::optional<std::string> failure;
+  /// What the command did, printed once its changes are saved (never
+  /// before: a user told "added" must find the track there).
+  std::string report;
 };
 
-inline Outcome libraryChanged(bool changed = true) { return Outcome{changed, std::nullopt}; }
+inline Outcome libraryChanged(bool changed = true, std::string report = {}) {
+  return Outcome{changed, std::nullopt, std::move(report)};
+}
 
 /// Global options, and the command chosen on the command line.
 struct Invocation {
@@ -34,7 +41,12 @@ struct Invocation {
   bool noWait = false;
   /// False for commands that never touch the library (no lock, no folder).
   bool usesLibrary = true;
+  /// Set by commands that may change the library; all others open it
+  /// read-only, so they never write to it.
+  bool changesLibrary = false;
   std::function<Outcome()> action;
+  /// The library opened for the command, while the action runs.
+  const LibrarySession* session = nullptr;
 };
 
 void addImportCommand(CLI::App& app, Invocation& invocation);
@@ -45,5 +57,6 @@ void addTrackEditCommands(CLI::App& app, Invocation& invocation);  // split, tz
 void addExportCommands(CLI::App& app, Invocation& invocation);     // export, convert
 void addZipCommand(CLI::App& app, Invocation& invocation);
 void addSyncCommand(CLI::App& app, Invocation& invocation);
+void addCheckCommand(CLI::App& app, Invocation& invocation);
 
 }  // namespace wayfolio

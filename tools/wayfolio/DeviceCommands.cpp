@@ -13,6 +13,7 @@
 #include "kvtrack/support/Log.h"
 #include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/LibraryNames.h"
+#include "tools/wayfolio/LibrarySession.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -180,7 +181,7 @@ Outcome runDownload(const DeviceOptions& options) {
   bool created = false;
   const TrackLibraryFolderPtr target = makeFolders(*library, options.into, created);
   GpxImportConfiguration configuration;
-  configuration.setTrackIdPrefix("wayfolio");
+  configuration.setTrackIdPrefix(kTrackIdPrefix);
   configuration.setSetTimeZone(true);
   std::fprintf(stderr, "Importing the download ...\n");
   TrackLibraryGPX::setNextImportIsExternal();
@@ -194,12 +195,17 @@ Outcome runDownload(const DeviceOptions& options) {
     return Outcome{created, fmt::format("the download from {} was not readable", options.device)};
   }
   const auto& tracks = configuration.importedTracks();
-  fmt::print("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
-             options.device, tracks.size(), configuration.identicalTrackCounter(),
-             configuration.importedPOIs().size());
-  for (const auto& track : tracks) fmt::print("  {} ({} points)\n", trackPath(*track), track->pointCount());
-  std::fflush(stdout);
-  return libraryChanged();
+  std::string report =
+      fmt::format("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
+                  options.device, tracks.size(), configuration.identicalTrackCounter(),
+                  configuration.importedPOIs().size());
+  if (const int64_t invalid = configuration.invalidPositionCounter()) {
+    report += fmt::format("  {} points with invalid coordinates skipped\n", invalid);
+  }
+  for (const auto& track : tracks) {
+    report += fmt::format("  {} ({} points)\n", trackPath(*track), track->pointCount());
+  }
+  return libraryChanged(true, std::move(report));
 }
 
 bool confirmed(const std::string& question) {
@@ -260,6 +266,7 @@ void addDeviceCommands(CLI::App& app, Invocation& invocation) {
   addDeviceOptions(downloadCommand, *download);
   downloadCommand->add_option("--into", download->into, "Library folder to import into (made when missing)");
   downloadCommand->callback([&invocation, download] {
+    invocation.changesLibrary = true;
     invocation.action = [&invocation, download] {
       download->verbose = invocation.verbose;
       return runDownload(*download);

@@ -7,6 +7,7 @@
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/ExportProblems.h"
 #include "tools/wayfolio/LibraryNames.h"
 
@@ -24,9 +25,11 @@ struct ExportOptions {
   bool noPhotos = false;
 };
 
+constexpr std::string_view kNothingExported = "nothing was exported";
+
 void exportGpx(const LibraryItem& item, const ExportOptions& options) {
   GpxExportConfiguration configuration;
-  bool written = false;
+  Status written;
   if (item.track) {
     written = TrackGPX(item.track).exportTo(options.gpx, configuration);
   } else {
@@ -34,15 +37,17 @@ void exportGpx(const LibraryItem& item, const ExportOptions& options) {
     if (tracks.empty()) {
       throw CommandError(fmt::format("folder '{}' holds no tracks to export", options.item));
     }
+    requireWholeTracks(tracks, kNothingExported);
     // The writer's own track plays no part when it is given the list.
     written = TrackGPX(tracks.front()).exportTo(options.gpx, tracks, configuration);
   }
-  if (!written) throw CommandError(cannotWrite(options.gpx));
+  if (!written) throw CommandError(written.reason());
 }
 
 Outcome exportItem(const ExportOptions& options) {
   const auto library = TrackLibrary::singleton();
   const LibraryItem item = findItem(*library, options.item);
+  if (item.track) requireWholeTracks({item.track}, kNothingExported);
   if (!options.gpx.empty()) {
     exportGpx(item, options);
     return {};
@@ -52,8 +57,9 @@ Outcome exportItem(const ExportOptions& options) {
                                    options.item));
   }
   if (!options.csv.empty()) {
-    if (!TrackCSV::trackCSVWithTrack(item.track)->exportTo(options.csv)) {
-      throw CommandError(cannotWrite(options.csv));
+    if (const Status written = TrackCSV::trackCSVWithTrack(item.track)->exportTo(options.csv);
+        !written) {
+      throw CommandError(written.reason());
     }
     return {};
   }

@@ -3,6 +3,7 @@
 // argument leaves the library as it was.
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/LibraryNames.h"
 
 #include <fmt/format.h>
@@ -87,7 +88,7 @@ Outcome renameItem(const std::string& text, const std::string& newName) {
   if (item.track) {
     // Loaded first: the name is also written in the track's file, which
     // would bring the old name back when the track is read later.
-    item.track->loadFromLibrary();
+    warnBeforeChanging(*item.track);
     item.track->setName(newName);
     return libraryChanged();
   }
@@ -145,6 +146,7 @@ void addFolderEditCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* mkdir = app.add_subcommand("mkdir", "Make folders, with their parents");
   mkdir->add_option("paths", *paths, "Folder paths such as 2024/Alps")->required();
   mkdir->callback([&invocation, paths] {
+    invocation.changesLibrary = true;
     invocation.action = [paths] { return makeDirectories(*paths); };
   });
 
@@ -154,6 +156,7 @@ void addFolderEditCommands(CLI::App& app, Invocation& invocation) {
       ->required()
       ->expected(2, -1);
   mv->callback([&invocation, moved] {
+    invocation.changesLibrary = true;
     invocation.action = [moved] { return moveItems(*moved); };
   });
 
@@ -162,6 +165,7 @@ void addFolderEditCommands(CLI::App& app, Invocation& invocation) {
   renameCommand->add_option("item", renamed->first, "Track or folder")->required();
   renameCommand->add_option("name", renamed->second, "The new name")->required();
   renameCommand->callback([&invocation, renamed] {
+    invocation.changesLibrary = true;
     invocation.action = [renamed] { return renameItem(renamed->first, renamed->second); };
   });
 
@@ -171,6 +175,7 @@ void addFolderEditCommands(CLI::App& app, Invocation& invocation) {
   rm->add_option("items", *removed, "Tracks or folders")->required();
   rm->add_flag("-r,--recursive", *recursive, "Remove folders with everything in them");
   rm->callback([&invocation, removed, recursive] {
+    invocation.changesLibrary = true;
     invocation.action = [removed, recursive] { return removeItems(*removed, *recursive); };
   });
 
@@ -187,6 +192,7 @@ void addFolderEditCommands(CLI::App& app, Invocation& invocation) {
       ->check(CLI::IsMember({"name", "date", "length", "duration"}));
   sortCommand->add_flag("--descending", sorting->descending, "Largest, latest or last first");
   sortCommand->callback([&invocation, sorting] {
+    invocation.changesLibrary = true;
     invocation.action = [sorting] {
       return sortFolder(sorting->folder, sorting->key, sorting->descending);
     };

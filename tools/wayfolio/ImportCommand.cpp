@@ -10,6 +10,7 @@
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/ImportFormats.h"
 #include "tools/wayfolio/LibraryNames.h"
+#include "tools/wayfolio/LibrarySession.h"
 #include "tools/wayfolio/LogReasons.h"
 
 #include <fmt/format.h>
@@ -138,12 +139,13 @@ Outcome runImport(const ImportOptions& options) {
   const TrackLibraryFolderPtr target = makeFolders(*library, options.into, created);
 
   GpxImportConfiguration configuration;
-  configuration.setTrackIdPrefix("wayfolio");  // content-derived ids: re-imports are refused
+  configuration.setTrackIdPrefix(kTrackIdPrefix);  // content-derived ids: re-imports are refused
   configuration.setSetTimeZone(true);
 
   const auto files = collectFiles(options.inputs);
   size_t imported = 0, added = 0, duplicates = 0, filed = 0;
   std::vector<std::pair<std::string, std::string>> failures;
+  std::vector<std::pair<std::string, int64_t>> skippedPoints;
   {
     Progress progress;
     for (size_t i = 0; i < files.size(); ++i) {
@@ -152,6 +154,7 @@ Outcome runImport(const ImportOptions& options) {
       const int64_t duplicatesBefore = configuration.identicalTrackCounter();
       const size_t pointsBefore = configuration.importedPOIs().size();
       const int32_t geocachesBefore = TrackLibraryGPX::geocacheCount();
+      const int64_t invalidBefore = configuration.invalidPositionCounter();
 
       if (auto reason = importFile(*target, files[i], options, configuration)) {
         // What a broken file yielded before its error goes again: a failed
@@ -164,6 +167,9 @@ Outcome runImport(const ImportOptions& options) {
         continue;
       }
       ++imported;
+      if (const int64_t invalid = configuration.invalidPositionCounter() - invalidBefore) {
+        skippedPoints.emplace_back(files[i], invalid);
+      }
       added += configuration.importedTracks().size() - tracksBefore;
       duplicates += static_cast<size_t>(configuration.identicalTrackCounter() - duplicatesBefore);
       filed += configuration.importedPOIs().size() - pointsBefore +
@@ -171,13 +177,16 @@ Outcome runImport(const ImportOptions& options) {
     }
   }
 
-  fmt::print("Imported {} files: {} tracks added, {} duplicates refused, {} waypoints filed, "
-             "{} files failed\n",
-             imported, added, duplicates, filed, failures.size());
-  for (const auto& [path, reason] : failures) fmt::print("  failed: {}: {}\n", path, reason);
-  std::fflush(stdout);
+  std::string report = fmt::format(
+      "Imported {} files: {} tracks added, {} duplicates refused, {} waypoints filed, "
+      "{} files failed\n",
+      imported, added, duplicates, filed, failures.size());
+  for (const auto& [path, count] : skippedPoints) {
+    report += fmt::format("  {}: {} points with invalid coordinates skipped\n", path, count);
+  }
+  for (const auto& [path, reason] : failures) report += fmt::format("  failed: {}: {}\n", path, reason);
 
-  Outcome outcome = libraryChanged();
+  Outcome outcome = libraryChanged(true, std::move(report));
   if (!failures.empty()) {
     outcome.failure =
         fmt::format("{} of {} files could not be imported", failures.size(), files.size());
@@ -196,6 +205,7 @@ void addImportCommand(CLI::App& app, Invocation& invocation) {
   command->add_option("--format", options->format,
                       "gpsbabel input format for all files (e.g. gtrnctr, garmin_fit)");
   command->callback([&invocation, options] {
+    invocation.changesLibrary = true;
     invocation.action = [&invocation, options] {
       options->verbose = invocation.verbose;  // global options are complete only now
       return runImport(*options);

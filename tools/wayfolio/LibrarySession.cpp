@@ -1,18 +1,13 @@
 #include "tools/wayfolio/LibrarySession.h"
 
 #include "kvtrack/library/TrackLibrary.h"
-#include "kvtrack/library/TrackLibraryXML.h"
 #include "kvtrack/support/FileHandling.h"
-#include "kvtrack/support/Log.h"
 #include "tools/wayfolio/Commands.h"
-#include "tools/wayfolio/LogReasons.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <cstdio>
 #include <filesystem>
-#include <optional>
-#include <string_view>
 
 namespace wayfolio {
 
@@ -34,75 +29,59 @@ std::string chooseFolder(const std::string& folderOption) {
   return folder;
 }
 
-// The library rewrites its index whenever it is released, and would keep
-// only what it could read of a damaged one; so a damaged index stops here,
-// before the library is opened.
-void checkIndex(const std::string& folder) {
-  const std::string index = folder + "/library.wayfolio";
-  std::error_code error;
-  if (!fs::exists(index, error)) return;  // a new library
-  LogCapture capture;
-  TrackLibraryXML reader;
-  reader.setIsStandardLibrary(false);
-  if (!reader.importFrom(index, TrackLibraryFolder::trackLibraryFolder())) {
-    const std::string reason = relevantLogLine(capture, {"Description:"});
-    throw CommandError(fmt::format("the library index {} cannot be read{}; nothing was changed",
-                                   index, reason.empty() ? "" : " (" + reason + ")"));
-  }
+void warn(const std::string& message) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "wayfolio: %s\n", message.c_str());
 }
 
-// "Track00000042.gpx" -> 42: the names the library gives new track files.
-std::optional<int32_t> generatedNumber(const std::string& filename) {
-  constexpr std::string_view kPrefix = "Track", kSuffix = ".gpx";
-  if (filename.size() <= kPrefix.size() + kSuffix.size() || !filename.starts_with(kPrefix) ||
-      !filename.ends_with(kSuffix)) {
-    return std::nullopt;
+// What a rebuild found, in one paragraph on standard error.
+void reportRebuild(const LibraryOpening& opening, const TrackLibrary& library) {
+  const std::string what = opening.index == IndexState::kMissing
+                               ? fmt::format("the library index {} is missing", library.indexPath())
+                               : fmt::format("the library index {} cannot be read ({})",
+                                             library.indexPath(), opening.indexProblem);
+  warn(fmt::format("{}; the library was rebuilt from its files: {} tracks from the previous "
+                   "index, {} track files adopted into the folder Recovered",
+                   what, opening.tracksFromPreviousIndex, opening.adoptedFiles.size()));
+  for (const auto& file : opening.unreadableFiles) {
+    warn(fmt::format("  {} cannot be read and stays where it is: {}", file.filename, file.reason));
   }
-  const std::string digits =
-      filename.substr(kPrefix.size(), filename.size() - kPrefix.size() - kSuffix.size());
-  if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) {
-    return std::nullopt;
-  }
-  return static_cast<int32_t>(std::stol(digits));
-}
-
-// An index can hold a track counter behind the file names in use (earlier
-// builds of the library wrote 0 when saving during shutdown). New tracks would
-// then get the file names of existing ones and overwrite them; so the counter
-// starts behind every generated name in the index and in the folder.
-void repairTrackCounter(TrackLibrary& library) {
-  int32_t next = library.trackCounter();
-  const auto consider = [&](const std::string& filename) {
-    if (const auto number = generatedNumber(filename)) next = std::max(next, *number + 1);
-  };
-  for (const auto& track : library.allTracks()) consider(track->filename().value_or(""));
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(library.folder(), error)) {
-    consider(entry.path().filename().string());
-  }
-  library.setTrackCounter(next);
 }
 
 }  // namespace
 
-LibrarySession::LibrarySession(const std::string& folderOption, bool noWait) {
+LibrarySession::LibrarySession(const std::string& folderOption, bool noWait, bool readOnly) {
   const std::string folder = chooseFolder(folderOption);
   lock_.emplace(folder, noWait);
-  checkIndex(folder);
-  repairTrackCounter(*TrackLibrary::singleton());  // the first use reads the index
+  auto library = TrackLibrary::trackLibraryWithFileHandling(FileHandling::singleton());
+  library->setReadOnly(readOnly);
+  opening_ = openLibrary(*library, kTrackIdPrefix);
+  if (opening_.rebuilt()) reportRebuild(opening_, *library);
 }
 
 LibrarySession::~LibrarySession() {
-  if (TrackLibrary::current()) TrackLibrary::releaseSingleton();
+  const auto library = TrackLibrary::current();
+  if (!library) return;
+  if (opening_.rebuilt() && !saved_) {
+    warn("the rebuilt library was not saved; 'wayfolio check --repair' saves it");
+  }
+  library->setReadOnly(true);  // whatever was not saved stays unsaved
+  TrackLibrary::releaseSingleton();
 }
 
 void LibrarySession::save() {
-  LogCapture capture;
-  if (!TrackLibrary::singleton()->syncToDisk()) {
-    const std::string reason = relevantLogLine(capture, {"Error writing file", "cannot"});
-    throw CommandError("could not save the library: " +
-                       (reason.empty() ? std::string("a file could not be written") : reason));
+  const auto library = TrackLibrary::singleton();
+  const std::optional<std::string> aside = library->damagedIndexAside();
+  if (const Status saved = library->syncToDisk(); !saved) {
+    throw CommandError(fmt::format("could not save the library: {}; its files were left as they "
+                                   "were before this command",
+                                   saved.reason()));
   }
+  if (opening_.rebuilt() && !saved_) {
+    warn(aside ? fmt::format("the rebuilt library was saved; the damaged index is kept as {}", *aside)
+               : std::string("the rebuilt library was saved"));
+  }
+  saved_ = true;
 }
 
 }  // namespace wayfolio

@@ -7,6 +7,7 @@
 #include "kvtrack/photos/PhotoMatching.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 #include "kvtrack/support/FileHandling.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/PhotoWriting.h"
 #include "tools/wayfolio/TextTable.h"
@@ -256,15 +257,14 @@ Outcome runGeotag(const GeotagOptions& options) {
   if (choice.any()) writing.emplace(choice, options.dryRun);
   const Matching matching =
       match(*library, target, options, files, scratch, writing ? &*writing : nullptr);
-  fmt::print("{}", summary(matching, files, scratch));
-  for (const auto& path : missing) fmt::print("  not found: {}\n", path);
-  std::fflush(stdout);
+  std::string report = summary(matching, files, scratch);
+  for (const auto& path : missing) report += fmt::format("  not found: {}\n", path);
 
   std::vector<std::string> failed;
   if (writing) failed = writing->finish(options.dryRun);
   std::fflush(stdout);
 
-  Outcome outcome = libraryChanged(!options.dryRun && !matching.found.empty());
+  Outcome outcome = libraryChanged(!options.dryRun && !matching.found.empty(), std::move(report));
   if (!missing.empty()) {
     outcome.failure = fmt::format("{} of {} photos not found", missing.size(),
                                   missing.size() + files.size());
@@ -310,7 +310,9 @@ Outcome listPhotos(const std::string& text) {
     }
   }
   std::fputs(table.render().c_str(), stdout);
-  return {};
+  Outcome outcome;
+  if (const auto message = damageMessage(*track)) outcome.failure = *message + "; shown is what could be read";
+  return outcome;
 }
 
 }  // namespace
@@ -336,6 +338,7 @@ void addPhotoCommands(CLI::App& app, Invocation& invocation) {
   geotag->add_flag("--dry-run", options->dryRun,
                    "Show the exiftool command lines; change neither photos nor library");
   geotag->callback([&invocation, options] {
+    invocation.changesLibrary = true;
     invocation.action = [options] { return runGeotag(*options); };
   });
 

@@ -97,12 +97,11 @@ Outcome push(const SyncOptions& options) {
     if (!wasLoaded && !track->isDirty()) track->unload();
   }
 
-  fmt::print("mirrored {} tracks to {}\n", mirrored, folder);
-  if (options.photos) fmt::print("copied {} photos to {}\n", photos, folder);
-  for (const auto& path : failed) fmt::print("  not mirrored: {}\n", path);
-  std::fflush(stdout);
+  std::string report = fmt::format("mirrored {} tracks to {}\n", mirrored, folder);
+  if (options.photos) report += fmt::format("copied {} photos to {}\n", photos, folder);
+  for (const auto& path : failed) report += fmt::format("  not mirrored: {}\n", path);
   // The new ids and the times of mirroring belong in the index.
-  Outcome outcome = libraryChanged();
+  Outcome outcome = libraryChanged(true, std::move(report));
   if (!failed.empty()) {
     outcome.failure = fmt::format("{} tracks could not be mirrored to {}", failed.size(), folder);
   }
@@ -197,11 +196,10 @@ Outcome pull(const SyncOptions& options) {
     ++added;
   }
 
-  fmt::print("added {}, updated {}, unchanged {} tracks from {}\n", added, updated, unchanged,
-             folder);
-  for (const auto& [file, reason] : failures) fmt::print("  failed: {}: {}\n", file, reason);
-  std::fflush(stdout);
-  Outcome outcome = libraryChanged(added + updated > 0);
+  std::string report =
+      fmt::format("added {}, updated {}, unchanged {} tracks from {}\n", added, updated, unchanged, folder);
+  for (const auto& [file, reason] : failures) report += fmt::format("  failed: {}: {}\n", file, reason);
+  Outcome outcome = libraryChanged(added + updated > 0, std::move(report));
   if (!failures.empty()) {
     outcome.failure = fmt::format("{} records of {} could not be read", failures.size(), folder);
   }
@@ -236,6 +234,7 @@ void addSyncCommand(CLI::App& app, Invocation& invocation) {
     if (options->folder.empty() && options->from.empty()) {
       throw CLI::ValidationError("sync", "give --folder DIR or --from DIR");
     }
+    invocation.changesLibrary = true;
     invocation.action = [options] {
       return options->folder.empty() ? pull(*options) : push(*options);
     };

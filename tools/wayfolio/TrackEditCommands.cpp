@@ -1,6 +1,7 @@
 // wayfolio split and tz: changes to the points of one track.
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/LibraryNames.h"
 
 #include <fmt/format.h>
@@ -58,7 +59,7 @@ Outcome split(const std::string& text, const std::string& at, const std::string&
   const auto library = TrackLibrary::singleton();
   const TrackPtr track = findTrack(*library, text);
   const auto folder = folderOf(*track);
-  track->loadFromLibrary();
+  warnBeforeChanging(*track);
   std::vector<size_t> indexes{pointIndex(*track, at)};
   if (!secondAt.empty()) indexes.push_back(pointIndex(*track, secondAt));
 
@@ -89,8 +90,7 @@ Outcome split(const std::string& text, const std::string& at, const std::string&
   for (size_t part = 1; part <= positions.size() + 1; ++part) {
     names.push_back(fmt::format("'{} ({})'", name, part));
   }
-  fmt::print("Split '{}' into {}\n", name, fmt::join(names, ", "));
-  return libraryChanged();
+  return libraryChanged(true, fmt::format("Split '{}' into {}\n", name, fmt::join(names, ", ")));
 }
 
 // Minutes ("120", "-330") or hours and minutes ("+02:00", "-05:30").
@@ -121,7 +121,7 @@ Outcome setTimeZone(const std::string& text, const std::string& offset) {
   const auto library = TrackLibrary::singleton();
   const TrackPtr track = findTrack(*library, text);
   // The offset is applied to the points in memory, so they are read first.
-  track->loadFromLibrary();
+  warnBeforeChanging(*track);
   track->setTimezoneOffset(minutes);
   return libraryChanged();
 }
@@ -138,6 +138,7 @@ void addTrackEditCommands(CLI::App& app, Invocation& invocation) {
   splitCommand->add_option("at", splitting->at, "0-based point index or ISO time")->required();
   splitCommand->add_option("second", splitting->secondAt, "A second split point");
   splitCommand->callback([&invocation, splitting] {
+    invocation.changesLibrary = true;
     invocation.action = [splitting] {
       return split(splitting->track, splitting->at, splitting->secondAt);
     };
@@ -149,6 +150,7 @@ void addTrackEditCommands(CLI::App& app, Invocation& invocation) {
   tz->add_option("offset", zone->second, "Minutes (120, -330) or hours (+02:00, -05:30)")
       ->required();
   tz->callback([&invocation, zone] {
+    invocation.changesLibrary = true;
     invocation.action = [zone] { return setTimeZone(zone->first, zone->second); };
   });
 }

@@ -1,6 +1,7 @@
 // wayfolio show and points: one track in full, read from its file.
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/TextTable.h"
 #include "tools/wayfolio/Units.h"
@@ -59,6 +60,13 @@ TrackPtr loadedTrack(const std::string& text) {
   return track;
 }
 
+// What could be read is shown; a damaged track then fails the command.
+Outcome shown(const Track& track) {
+  Outcome outcome;
+  if (const auto message = damageMessage(track)) outcome.failure = *message + "; shown is what could be read";
+  return outcome;
+}
+
 Outcome show(const std::string& text) {
   const TrackPtr track = loadedTrack(text);
   const Units units = Units::fromPreferences();
@@ -91,7 +99,7 @@ Outcome show(const std::string& text) {
   for (const auto& [label, value] : fields) {
     fmt::print("{:<15}{}\n", label + ":", value.empty() ? "-" : value);
   }
-  return {};
+  return shown(*track);
 }
 
 Outcome points(const std::string& text) {
@@ -123,7 +131,7 @@ Outcome points(const std::string& text) {
     }
   }
   std::fputs(table.render().c_str(), stdout);
-  return {};
+  return shown(*track);
 }
 
 }  // namespace

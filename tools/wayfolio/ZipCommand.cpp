@@ -3,6 +3,7 @@
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/archive/TrackLibraryArchive.h"
 #include "tools/wayfolio/Commands.h"
+#include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/ExportProblems.h"
 #include "tools/wayfolio/LibraryNames.h"
 
@@ -30,11 +31,14 @@ Outcome writeArchive(const ZipOptions& options) {
   std::vector<TrackPtr> tracks;
   for (const auto& name : options.tracks) tracks.push_back(findTrack(*library, name));
   std::vector<TrackLibraryFolderPtr> folders;
-  size_t count = tracks.size();
+  std::vector<TrackPtr> all = tracks;
   for (const auto& name : options.folders) {
     folders.push_back(findFolder(*library, name));
-    count += options.subfolders ? folders.back()->allTracks().size() : folders.back()->tracks().size();
+    const auto inFolder = options.subfolders ? folders.back()->allTracks() : folders.back()->tracks();
+    all.insert(all.end(), inFolder.begin(), inFolder.end());
   }
+  requireWholeTracks(all, "no archive was written");
+  const size_t count = all.size();
 
   ExportProblems problems;
   const bool written = TrackLibraryArchive::createZipFile(options.archive, folders, tracks,
@@ -55,8 +59,11 @@ void addZipCommand(CLI::App& app, Invocation& invocation) {
   CLI::App* command = app.add_subcommand(
       "zip", "Write tracks and folders as one zip archive with a GPX (or KML, KMZ) file per track");
   command->add_option("archive", options->archive, "The zip file to write")->required();
-  command->add_option("--folder", options->folders, "A folder whose tracks go in (repeatable)");
-  command->add_option("--track", options->tracks, "A track that goes in (repeatable)");
+  // One value per option, so that "--" after them still marks file names.
+  command->add_option("--folder", options->folders, "A folder whose tracks go in (repeatable)")
+      ->allow_extra_args(false);
+  command->add_option("--track", options->tracks, "A track that goes in (repeatable)")
+      ->allow_extra_args(false);
   command->add_flag("--subfolders", options->subfolders, "Take the folders' whole subtrees");
   command->add_flag("--kml", options->kml, "KML entries instead of GPX (KMZ with --photos)");
   command->add_flag("--photos", options->photos, "Include photos (GPX: their links; KML: as KMZ)");

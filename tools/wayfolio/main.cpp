@@ -8,6 +8,9 @@
 #include "tools/wayfolio/PhotoCommands.h"
 #include "tools/wayfolio/SyncCommand.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 
@@ -21,16 +24,20 @@ int fail(const std::string& message) {
   return 1;
 }
 
-int run(const Invocation& invocation) {
+int run(Invocation& invocation) {
   // Users see the program's messages; the library's log joins with -v, and
   // failures quote the line that matters.
   kvtrack::setLogToStandardError(invocation.verbose);
   if (!invocation.action) return 0;  // CLI11 answered already (help, version)
   try {
     std::optional<LibrarySession> session;
-    if (invocation.usesLibrary) session.emplace(invocation.library, invocation.noWait);
+    if (invocation.usesLibrary) {
+      session.emplace(invocation.library, invocation.noWait, !invocation.changesLibrary);
+      invocation.session = &*session;
+    }
     const Outcome outcome = invocation.action();
     if (outcome.changed && session) session->save();
+    std::fputs(outcome.report.c_str(), stdout);
     if (outcome.failure) return fail(*outcome.failure);
     return 0;
   } catch (const LibraryBusy& busy) {
@@ -39,6 +46,38 @@ int run(const Invocation& invocation) {
   } catch (const std::exception& error) {
     return fail(error.what());
   }
+}
+
+// An argument that looks like an option and is none: most often a file
+// name that starts with "-".
+std::optional<std::string> unknownOption(const CLI::App& app, int argc, char** argv) {
+  std::vector<const CLI::App*> apps{&app};
+  for (const CLI::App* sub : app.get_subcommands({})) apps.push_back(sub);
+  for (int i = 1; i < argc; ++i) {
+    const std::string argument = argv[i];
+    if (argument == "--") break;
+    if (argument.size() < 2 || argument[0] != '-') continue;
+    const std::string name = argument.substr(0, argument.find('='));
+    const bool known = std::any_of(apps.begin(), apps.end(), [&](const CLI::App* a) {
+      const auto options = a->get_options([&](const CLI::Option* o) { return o->check_name(name); });
+      return !options.empty();
+    });
+    if (!known) return argument;
+  }
+  return std::nullopt;
+}
+
+// Help and version go out as CLI11 writes them; every other mistake on the
+// command line is one "wayfolio: error:" line and status 1.
+int commandLineError(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  if (error.get_exit_code() == 0) return app.exit(error);
+  std::string message = error.what();
+  if (const auto option = unknownOption(app, argc, argv)) {
+    message = fmt::format("{} is not an option of wayfolio ({}); a file name that starts with "
+                          "'-' goes after '--', as in: wayfolio import -- {}",
+                          *option, message, *option);
+  }
+  return fail(message + " (--help lists the commands and options)");
 }
 
 }  // namespace
@@ -63,13 +102,14 @@ int main(int argc, char** argv) {
   addExportCommands(app, invocation);
   addZipCommand(app, invocation);
   addSyncCommand(app, invocation);
+  addCheckCommand(app, invocation);
   addPhotoCommands(app, invocation);
   addDeviceCommands(app, invocation);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return commandLineError(app, error, argc, argv);
   }
   kvtrack::installPhotoHooks();
   installConfiguredSynchronizer();

@@ -1,6 +1,6 @@
 #include "kvtrack/formats/csv/TrackCSV.h"
 
-#include "kvtrack/support/AtomicFile.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Localization.h"
 #include "kvtrack/support/Log.h"
@@ -50,7 +50,7 @@ std::shared_ptr<TrackCSV> TrackCSV::trackCSVWithTrack(std::shared_ptr<Track> tra
   return std::make_shared<TrackCSV>(std::move(track));
 }
 
-bool TrackCSV::exportTo(const std::string& path) {
+Status TrackCSV::exportTo(const std::string& path) {
   const Units units = unitsForMode(
       KvPreferences::singleton().unitMode().value_or(KvPreferences::kUnitModeMetric));
   // Up to 10 decimals (about 0.01 mm in degrees) keep every recorded digit

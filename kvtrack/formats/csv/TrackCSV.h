@@ -5,6 +5,7 @@
 // name passes into the file as it is.
 
 #include "kvtrack/model/Track.h"
+#include "kvtrack/support/Status.h"
 
 #include <memory>
 #include <string>
@@ -23,8 +24,8 @@ class TrackCSV {
   /// mark, replacing any file there only once the new one is complete.
   /// Units follow KvPreferences unitMode (1: ft and mph, 2: ft and knots,
   /// else m and km/h); numbers and times follow ICU's default locale.
-  /// False, with one log line, when the file could not be written.
-  bool exportTo(const std::string& path);
+  /// Fails, with one log line, when the file could not be written.
+  Status exportTo(const std::string& path);
 
  private:
   std::shared_ptr<Track> track_;

@@ -50,7 +50,7 @@ bool GeocacheFilters::exportTo(const std::string& path) const {
     element.setAttribute("name", filter.name);
     element.setAttribute("predicate", filter.predicateString);
   }
-  if (!document.save(path, "UTF-8", true)) {
+  if (!document.save(path, "UTF-8")) {
     logf("GeocacheFilters: Error writing file {}!", path);
     return false;
   }

@@ -58,7 +58,7 @@ void writeExternalFile(const std::string& path, const Geocache& geocache) {
   createGPXGeocacheLogs(document.root(), geocache);
   // The reference stays in the GPX file; a file we cannot write only loses
   // the description, so the export goes on without it.
-  document.save(path, "UTF-8", true);
+  (void)document.save(path, "UTF-8");
 }
 
 // The description, directly or as a reference to the external file.

@@ -128,15 +128,16 @@ bool writeExternalTrackPoints(const std::string& path, const std::vector<TrackPo
   return std::fclose(file.release()) == 0 && ok;
 }
 
-void readExternalTrackPoints(const std::string& path, Track& track) {
+int32_t readExternalTrackPoints(const std::string& path, Track& track) {
   File file(std::fopen(path.c_str(), "r"));
-  if (!file) return;
+  if (!file) return 0;
   std::string text;
   char chunk[1 << 16];
   size_t count;
   while ((count = std::fread(chunk, 1, sizeof chunk, file.get())) > 0) text.append(chunk, count);
 
   std::lock_guard<Track> lock(track);
+  int32_t invalid = 0;
   std::string_view rest(text);
   while (!rest.empty()) {
     const size_t newline = rest.find('\n');
@@ -144,6 +145,10 @@ void readExternalTrackPoints(const std::string& path, Track& track) {
     rest.remove_prefix(newline == std::string_view::npos ? rest.size() : newline + 1);
     Line line;
     if (parseLine(lineText.data(), lineText.data() + lineText.size(), line) == 0) break;
+    if (!TrackPoint::isValidPosition(line.latitude, line.longitude)) {
+      ++invalid;
+      continue;
+    }
     auto point = TrackPoint::trackPointWithParent(&track);
     point->setLatitude(line.latitude);
     point->setLongitude(line.longitude);
@@ -154,6 +159,7 @@ void readExternalTrackPoints(const std::string& path, Track& track) {
         ISODate::isoDateWithTimeIntervalSinceReferenceDate(static_cast<double>(line.seconds)));
     track.addTrackPoint(std::move(point));
   }
+  return invalid;
 }
 
 }  // namespace kvtrack::gpx

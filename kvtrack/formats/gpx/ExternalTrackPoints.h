@@ -16,7 +16,8 @@ bool writeExternalTrackPoints(const std::string& path, const std::vector<TrackPo
 
 /// Appends one point per line to the track (under its lock) until a line
 /// holds no number at all. Coordinates and elevation are read in single
-/// precision, as they always were. A missing file adds nothing.
-void readExternalTrackPoints(const std::string& path, Track& track);
+/// precision, as they always were. A missing file adds nothing. Returns
+/// the number of lines skipped for a position outside the earth.
+int32_t readExternalTrackPoints(const std::string& path, Track& track);
 
 }  // namespace kvtrack::gpx

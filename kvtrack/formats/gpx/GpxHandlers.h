@@ -6,7 +6,10 @@
 #include "kvtrack/formats/xml/SaxParser.h"
 #include "kvtrack/model/Track.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace kvtrack::gpx {
 
@@ -14,16 +17,26 @@ namespace kvtrack::gpx {
 /// premature-end code 5 stays silent. Always reports the error as handled.
 bool logParseError(const char* className, const xml::ParseError& error);
 
+/// What the handlers of one read of a file share.
+struct ReadContext {
+  /// The file being read, to find an external point file beside it.
+  std::string importFilename;
+  /// Points skipped because their position is missing, not a number, or
+  /// outside the earth (latitude beyond 90, longitude beyond 180 degrees).
+  int32_t invalidPositions = 0;
+};
+
+/// The position of a "trkpt", "rtept" or "wpt" element when both
+/// coordinates are numbers within range; nothing otherwise.
+std::optional<std::pair<double, double>> readPosition(const xml::Attributes& attributes);
+
 /// A "trk" or "rte": name, description, tags, display attributes, time
 /// zone, segments, and its points (each through a TrackPointGPXElement).
 class TrackGPXElement : public xml::SaxHandler {
  public:
-  /// importFilename: the file being read, to find an external point file.
-  static void trackGPXElementForTrack(Track& track, xml::SaxParser& parser,
-                                      const std::string& importFilename);
+  static void trackGPXElementForTrack(Track& track, xml::SaxParser& parser, ReadContext& context);
 
-  TrackGPXElement(Track& track, std::string importFilename)
-      : track_(track), importFilename_(std::move(importFilename)) {}
+  TrackGPXElement(Track& track, ReadContext& context) : track_(track), context_(context) {}
   void startElement(xml::SaxParser& parser, std::string_view name,
                     const xml::Attributes& attributes) override;
   void endElement(xml::SaxParser& parser, std::string_view name) override;
@@ -31,8 +44,10 @@ class TrackGPXElement : public xml::SaxHandler {
   bool parseError(xml::SaxParser& parser, const xml::ParseError& error) override;
 
  private:
+  void startPoint(xml::SaxParser& parser, std::string_view name, const xml::Attributes& attributes);
+
   Track& track_;
-  std::string importFilename_;
+  ReadContext& context_;
   bool parserInName_ = false;
   bool parserInDescription_ = false;
   bool parserInTags_ = false;
@@ -72,10 +87,14 @@ class TrackPointGPXElement : public xml::SaxHandler {
 /// A "wpt": position, time, the waypoint attributes and geocache blocks.
 class WayPointGPXElement : public xml::SaxHandler {
  public:
-  static void wayPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser,
-                                              const xml::Attributes& attributes);
+  static void wayPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser);
+  /// A new point for a "wpt" element, its handler pushed. Null (and
+  /// counted in the context) when its position is not valid; a "wpt" with
+  /// no position at all is kept (files whose points are kept apart).
+  static TrackPointPtr startWayPoint(Track* parent, xml::SaxParser& parser,
+                                     const xml::Attributes& attributes, ReadContext& context);
 
-  WayPointGPXElement(TrackPointPtr point, const xml::Attributes& attributes);
+  explicit WayPointGPXElement(TrackPointPtr point) : owned_(std::move(point)), point_(*owned_) {}
   void startElement(xml::SaxParser& parser, std::string_view name,
                     const xml::Attributes& attributes) override;
   void endElement(xml::SaxParser& parser, std::string_view name) override;

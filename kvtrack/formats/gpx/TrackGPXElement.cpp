@@ -16,8 +16,18 @@ bool logParseError(const char* className, const xml::ParseError& error) {
 }
 
 void TrackGPXElement::trackGPXElementForTrack(Track& track, xml::SaxParser& parser,
-                                              const std::string& importFilename) {
-  parser.pushHandler(std::make_unique<TrackGPXElement>(track, importFilename));
+                                              ReadContext& context) {
+  parser.pushHandler(std::make_unique<TrackGPXElement>(track, context));
+}
+
+std::optional<std::pair<double, double>> readPosition(const xml::Attributes& attributes) {
+  const auto lat = attributes.value("lat"), lon = attributes.value("lon");
+  if (!lat || !lon) return std::nullopt;
+  const auto latitude = parseFiniteNumber(*lat), longitude = parseFiniteNumber(*lon);
+  if (!latitude || !longitude || !TrackPoint::isValidPosition(*latitude, *longitude)) {
+    return std::nullopt;
+  }
+  return std::pair(*latitude, *longitude);
 }
 
 namespace {
@@ -29,26 +39,7 @@ bool isYes(const xml::Attributes& attributes, std::string_view name) {
 void TrackGPXElement::startElement(xml::SaxParser& parser, std::string_view name,
                                    const xml::Attributes& attributes) {
   if (name == "trkpt" || name == "rtept") {
-    if (const auto index = attributes.value("index")) {
-      // A point of the external point file that carries photos.
-      const int32_t i = parseIntValue(*index);
-      auto& points = track_.trackPoints();
-      if (i >= 0 && static_cast<size_t>(i) < points.size()) {
-        TrackPointGPXElement::trackPointGPXElementForTrackPoint(points[static_cast<size_t>(i)],
-                                                                parser);
-      }
-      return;
-    }
-    auto point = TrackPoint::trackPointWithParent(&track_);
-    if (name == "rtept") point->setIsWayPoint(true);
-    if (const auto lat = attributes.value("lat")) point->setLatitude(parseDecimal(*lat));
-    if (const auto lon = attributes.value("lon")) point->setLongitude(parseDecimal(*lon));
-    TrackPointGPXElement::trackPointGPXElementForTrackPoint(point, parser);
-    // An unreadable position drops the point; the elevation is still 0 here.
-    if (!std::isnan(point->latitude()) && !std::isnan(point->longitude()) &&
-        !std::isnan(point->elevation())) {
-      track_.addTrackPoint(std::move(point));
-    }
+    startPoint(parser, name, attributes);
     return;
   }
   if (name == "name") {
@@ -85,10 +76,37 @@ void TrackGPXElement::startElement(xml::SaxParser& parser, std::string_view name
     }
   } else if (name == "wayfolio:externaltrackpoints") {
     if (const auto filename = attributes.value("filename")) {
-      const auto folder = std::filesystem::path(importFilename_).parent_path();
-      readExternalTrackPoints((folder / std::string(*filename)).string(), track_);
+      const auto folder = std::filesystem::path(context_.importFilename).parent_path();
+      context_.invalidPositions +=
+          readExternalTrackPoints((folder / std::string(*filename)).string(), track_);
     }
   }
+}
+
+void TrackGPXElement::startPoint(xml::SaxParser& parser, std::string_view name,
+                                 const xml::Attributes& attributes) {
+  if (const auto index = attributes.value("index")) {
+    // A point of the external point file that carries photos.
+    const int32_t i = parseIntValue(*index);
+    auto& points = track_.trackPoints();
+    if (i >= 0 && static_cast<size_t>(i) < points.size()) {
+      TrackPointGPXElement::trackPointGPXElementForTrackPoint(points[static_cast<size_t>(i)], parser);
+    }
+    return;
+  }
+  auto point = TrackPoint::trackPointWithParent(&track_);
+  if (name == "rtept") point->setIsWayPoint(true);
+  // The handler still reads a skipped point's children, so they do not
+  // land on the track.
+  TrackPointGPXElement::trackPointGPXElementForTrackPoint(point, parser);
+  const auto position = readPosition(attributes);
+  if (!position) {
+    ++context_.invalidPositions;
+    return;
+  }
+  point->setLatitude(position->first);
+  point->setLongitude(position->second);
+  track_.addTrackPoint(std::move(point));
 }
 
 void TrackGPXElement::endElement(xml::SaxParser& parser, std::string_view name) {

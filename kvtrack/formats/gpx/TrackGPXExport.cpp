@@ -3,6 +3,7 @@
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/formats/xml/XmlTree.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/StagedFiles.h"
 
 namespace kvtrack {
 
@@ -14,25 +15,40 @@ TrackGPX::TrackGPX(Track& track) : track_(track.weak_from_this().lock()) {
   if (!track_) track_ = std::shared_ptr<Track>(std::shared_ptr<void>(), &track);
 }
 
-bool TrackGPX::exportTo(const std::string& path, GpxExportConfiguration& configuration) {
-  configuration.setFilename(path);
-  xml::XmlDocument document("gpx");
+namespace {
+
+// The waypoint pass (unless the track is a route), then the track pass.
+void fillDocument(xml::XmlDocument& document, Track& track, GpxExportConfiguration& configuration) {
   const xml::XmlNamespace wayfolio = gpx::setUpRoot(document.root(), configuration.useGPX10());
-  if (track_->type() != Track::kPlaceCollection) {
-    gpx::createGPXForParent(document.root(), *track_, true, configuration, wayfolio);
+  if (track.type() != Track::kPlaceCollection) {
+    gpx::createGPXForParent(document.root(), track, true, configuration, wayfolio);
   }
   if (!configuration.exportWaypointsOnly()) {
-    gpx::createGPXForParent(document.root(), *track_, false, configuration, wayfolio);
+    gpx::createGPXForParent(document.root(), track, false, configuration, wayfolio);
   }
-  if (!document.save(path, "utf-8", false)) {
-    logf("Error writing file: {}", path);
-    return false;
-  }
-  return true;
 }
 
-bool TrackGPX::exportTo(const std::string& path, const std::vector<TrackPtr>& tracks,
-                        GpxExportConfiguration& configuration) {
+}  // namespace
+
+Status TrackGPX::writeTo(OutputFile& file, GpxExportConfiguration& configuration) {
+  configuration.setFilename(file.path());
+  xml::XmlDocument document("gpx");
+  fillDocument(document, *track_, configuration);
+  return document.writeTo(file, "utf-8");
+}
+
+std::string TrackGPX::exportText(GpxExportConfiguration& configuration) {
+  xml::XmlDocument document("gpx");
+  fillDocument(document, *track_, configuration);
+  return document.text("utf-8");
+}
+
+Status TrackGPX::exportTo(const std::string& path, GpxExportConfiguration& configuration) {
+  return writeFileAtomically(path, [&](OutputFile& file) { return writeTo(file, configuration); });
+}
+
+Status TrackGPX::exportTo(const std::string& path, const std::vector<TrackPtr>& tracks,
+                          GpxExportConfiguration& configuration) {
   xml::XmlDocument document("gpx");
   const xml::XmlNamespace wayfolio = gpx::setUpRoot(document.root(), configuration.useGPX10());
   // GPX wants every wpt before the first trk or rte.
@@ -45,11 +61,9 @@ bool TrackGPX::exportTo(const std::string& path, const std::vector<TrackPtr>& tr
       gpx::createGPXForParent(document.root(), *track, false, configuration, wayfolio);
     }
   }
-  if (!document.save(path, "utf-8", true)) {
-    logf("Error writing file: {}", path);
-    return false;
-  }
-  return true;
+  const Status saved = document.save(path, "utf-8");
+  if (!saved) logf("Error writing file: {} ({})", path, saved.reason());
+  return saved;
 }
 
 }  // namespace kvtrack

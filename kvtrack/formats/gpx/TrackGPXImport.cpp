@@ -13,15 +13,14 @@ namespace {
 // merged afterwards.
 class TrackGPXRoot : public xml::SaxHandler {
  public:
-  TrackGPXRoot(Track& track, const std::string& importFilename)
-      : track_(track), importFilename_(importFilename) {}
+  TrackGPXRoot(Track& track, gpx::ReadContext& context) : track_(track), context_(context) {}
 
   std::vector<TrackPointPtr> wayPoints;
 
   void startElement(xml::SaxParser& parser, std::string_view name,
                     const xml::Attributes& attributes) override {
     if (name == "trk" || name == "rte") {
-      gpx::TrackGPXElement::trackGPXElementForTrack(track_, parser, importFilename_);
+      gpx::TrackGPXElement::trackGPXElementForTrack(track_, parser, context_);
       // Files of an early format kept display attributes on the element itself.
       track_.setShowArea(attributes.value("showArea") == std::optional<std::string_view>("yes"));
       if (const auto distance = attributes.value("areaDistance")) {
@@ -34,9 +33,8 @@ class TrackGPXRoot : public xml::SaxHandler {
                          parseFloatValue(*a)});
       }
     } else if (name == "wpt") {
-      auto point = TrackPoint::trackPointWithParent(&track_);
-      wayPoints.push_back(point);
-      gpx::WayPointGPXElement::wayPointGPXElementForTrackPoint(point, parser, attributes);
+      auto point = gpx::WayPointGPXElement::startWayPoint(&track_, parser, attributes, context_);
+      if (point) wayPoints.push_back(std::move(point));
     }
   }
 
@@ -46,7 +44,7 @@ class TrackGPXRoot : public xml::SaxHandler {
 
  private:
   Track& track_;
-  const std::string& importFilename_;
+  gpx::ReadContext& context_;
 };
 
 // Waypoints find their track point by position, else by time; unmatched
@@ -73,14 +71,16 @@ void mergeWayPoints(Track& track, const std::vector<TrackPointPtr>& wayPoints) {
 
 }  // namespace
 
-bool TrackGPX::importFrom(const std::string& path) {
+Status TrackGPX::importFrom(const std::string& path) {
+  invalidPositions_ = 0;
   if (path.empty()) {
     logLine("Error creating URL!");
-    return false;
+    return Status::failure("no file named");
   }
   GeocacheExternalImport::install();
   importFilename_ = path;
-  TrackGPXRoot root(*track_, importFilename_);
+  gpx::ReadContext context{path, 0};
+  TrackGPXRoot root(*track_, context);
   xml::SaxParser parser;
   const bool ok = parser.parseFile(path, root);
   if (!ok && parser.error() && parser.error()->code == -1) {
@@ -90,7 +90,9 @@ bool TrackGPX::importFrom(const std::string& path) {
   }
   mergeWayPoints(*track_, root.wayPoints);
   importFilename_.clear();
-  return ok;
+  invalidPositions_ = context.invalidPositions;
+  if (!ok) return Status::failure(parser.error() ? parser.error()->reason() : "not readable");
+  return {};
 }
 
 }  // namespace kvtrack

@@ -7,15 +7,24 @@
 
 namespace kvtrack::gpx {
 
-void WayPointGPXElement::wayPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser,
-                                                         const xml::Attributes& attributes) {
-  parser.pushHandler(std::make_unique<WayPointGPXElement>(std::move(point), attributes));
+void WayPointGPXElement::wayPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser) {
+  parser.pushHandler(std::make_unique<WayPointGPXElement>(std::move(point)));
 }
 
-WayPointGPXElement::WayPointGPXElement(TrackPointPtr point, const xml::Attributes& attributes)
-    : owned_(std::move(point)), point_(*owned_) {
-  if (const auto lat = attributes.value("lat")) point_.setLatitude(parseDecimal(*lat));
-  if (const auto lon = attributes.value("lon")) point_.setLongitude(parseDecimal(*lon));
+TrackPointPtr WayPointGPXElement::startWayPoint(Track* parent, xml::SaxParser& parser,
+                                                const xml::Attributes& attributes,
+                                                ReadContext& context) {
+  auto point = TrackPoint::trackPointWithParent(parent);
+  wayPointGPXElementForTrackPoint(point, parser);
+  if (!attributes.has("lat") && !attributes.has("lon")) return point;
+  const auto position = readPosition(attributes);
+  if (!position) {
+    ++context.invalidPositions;
+    return nullptr;
+  }
+  point->setLatitude(position->first);
+  point->setLongitude(position->second);
+  return point;
 }
 
 void WayPointGPXElement::startElement(xml::SaxParser& parser, std::string_view name,

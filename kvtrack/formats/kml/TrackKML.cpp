@@ -141,7 +141,7 @@ bool TrackKML::exportTo(const std::string& path, bool createKMZ) {
   }
   createKMLTrackForParent(*track_, body, configuration_);
 
-  if (!document.save(kmlPath, "UTF-8", true)) {
+  if (!document.save(kmlPath, "UTF-8")) {
     logf("TrackKML: cannot write {}", kmlPath);
     return false;
   }

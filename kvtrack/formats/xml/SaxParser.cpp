@@ -1,12 +1,12 @@
 #include "kvtrack/formats/xml/SaxParser.h"
 
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/SystemCalls.h"
 
 #include <fcntl.h>
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -162,11 +162,7 @@ struct SaxParser::Context {
 
   static int readFile(void* state, char* buffer, int length) {
     const int fd = *static_cast<int*>(state);
-    for (;;) {
-      const ssize_t n = ::read(fd, buffer, static_cast<size_t>(length));
-      if (n >= 0) return static_cast<int>(n);
-      if (errno != EINTR) return -1;
-    }
+    return static_cast<int>(readSome(fd, buffer, static_cast<size_t>(length)));
   }
 
   struct Memory {
@@ -210,16 +206,15 @@ void SaxParser::stop() {
 
 bool SaxParser::parseFile(const std::string& path, SaxHandler& root) {
   error_.reset();
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  const UniqueFd file = openFile(path, O_RDONLY);
+  if (!file) {
     error_ = ParseError{-1, std::string("cannot open file: ") + std::strerror(errno), 0, 0};
     return false;
   }
+  int fd = file.get();
   xmlParserInputBufferPtr input =
       xmlParserInputBufferCreateIO(Context::readFile, nullptr, &fd, XML_CHAR_ENCODING_NONE);
-  const bool ok = input && run(input, root);
-  ::close(fd);
-  return ok;
+  return input && run(input, root);
 }
 
 bool SaxParser::parseText(std::string_view text, SaxHandler& root) {

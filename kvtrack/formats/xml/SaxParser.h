@@ -45,6 +45,13 @@ struct ParseError {
   std::string description;   // libxml2's message, without the trailing newline
   int line = 0;
   int column = 0;
+
+  /// For people: "line 12, column 5: <description>", or the description
+  /// alone when there is no position (a file that cannot be opened).
+  std::string reason() const {
+    if (line <= 0) return description;
+    return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " + description;
+  }
 };
 
 class SaxParser;

@@ -1,14 +1,12 @@
 #include "kvtrack/formats/xml/XmlTree.h"
 
 #include "kvtrack/formats/xml/XmlText.h"
+#include "kvtrack/support/StagedFiles.h"
 
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlsave.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <string>
 
 namespace kvtrack::xml {
@@ -93,27 +91,32 @@ XmlDocument::~XmlDocument() { xmlFreeDoc(doc_); }
 XmlElement XmlDocument::root() const { return XmlElement(xmlDocGetRootElement(doc_)); }
 
 namespace {
-// libxml2 prints I/O errors itself; callers report failures in their own words.
-void ignoreGenericError(void*, const char*, ...) {}
+
+// libxml2 hands the serialised bytes here; they go to the file through the
+// system-call seam like every other file the library writes.
+int writeToOutputFile(void* context, const char* bytes, int length) {
+  auto* file = static_cast<OutputFile*>(context);
+  file->write(std::string_view(bytes, static_cast<size_t>(length)));
+  return file->status() ? length : -1;
+}
+
+int keepOpen(void*) { return 0; }
+
 }  // namespace
 
-bool XmlDocument::save(const std::string& path, const std::string& encoding, bool atomic) const {
-  xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
-  if (!atomic) return xmlSaveFormatFileEnc(path.c_str(), doc_, encoding.c_str(), 1) >= 0;
-  const std::filesystem::path target(path);
-  std::string temporary =
-      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) return false;
-  ::close(fd);
-  if (xmlSaveFormatFileEnc(temporary.c_str(), doc_, encoding.c_str(), 1) < 0) {
-    std::remove(temporary.c_str());
-    return false;
-  }
-  std::error_code error;
-  std::filesystem::rename(temporary, target, error);
-  if (error) std::remove(temporary.c_str());
-  return !error;
+Status XmlDocument::writeTo(OutputFile& file, const std::string& encoding) const {
+  xmlSaveCtxtPtr context = xmlSaveToIO(writeToOutputFile, keepOpen, &file, encoding.c_str(),
+                                       XML_SAVE_FORMAT);
+  if (!context) return Status::failure("cannot write " + file.path() + ": unknown encoding " + encoding);
+  const long written = xmlSaveDoc(context, doc_);
+  const int closed = xmlSaveClose(context);
+  if (!file.status()) return file.status();
+  if (written < 0 || closed < 0) return Status::failure("cannot write " + file.path());
+  return {};
+}
+
+Status XmlDocument::save(const std::string& path, const std::string& encoding) const {
+  return replaceFile(path, [&](OutputFile& file) { return writeTo(file, encoding); });
 }
 
 std::string XmlDocument::text(const std::string& encoding) const {

@@ -5,6 +5,9 @@
 // pay one allocation per name. Elements are appended to their parent when
 // made, in the order made.
 
+#include "kvtrack/support/OutputFile.h"
+#include "kvtrack/support/Status.h"
+
 #include <string>
 #include <string_view>
 
@@ -66,9 +69,10 @@ class XmlDocument {
   XmlElement root() const;
 
   /// Serialises indented, one element per line, with an XML declaration of
-  /// version 1.0 and the given encoding name. Atomic writes go through a
-  /// temporary file in the same folder and a rename. False on failure.
-  bool save(const std::string& path, const std::string& encoding, bool atomic) const;
+  /// version 1.0 and the given encoding name.
+  Status writeTo(OutputFile& file, const std::string& encoding) const;
+  /// The same into a file that is replaced only by a complete one.
+  Status save(const std::string& path, const std::string& encoding) const;
   /// The serialised text (tests, in-memory use).
   std::string text(const std::string& encoding) const;
 

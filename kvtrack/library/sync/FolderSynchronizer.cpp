@@ -4,10 +4,11 @@
 #include "kvtrack/library/TrackStorage.h"
 #include "kvtrack/library/sync/TrackICloudMetadata.h"
 #include "kvtrack/model/Track.h"
-#include "kvtrack/support/AtomicFile.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/SystemCalls.h"
 
 #include <fmt/format.h>
 
@@ -37,21 +38,10 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-// The track as the library writes it; the GPX writer wants a file, so it
-// goes through one in the private scratch folder.
-std::optional<std::string> gpxOfTrack(Track& track) {
-  const std::string sandbox = FileHandling::singleton().sandbox();
-  if (sandbox.empty()) return std::nullopt;  // logged by FileHandling
-  const std::string temporary = sandbox + "/mirror-" + FileHandling::guid() + ".gpx";
+// The track as the library writes it.
+std::string gpxOfTrack(Track& track) {
   GpxExportConfiguration configuration;
-  std::optional<std::string> gpx;
-  if (TrackGPX(track).exportTo(temporary, configuration)) {
-    std::ifstream in(temporary, std::ios::binary);
-    gpx.emplace(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  std::error_code ignored;
-  fs::remove(temporary, ignored);
-  return gpx;
+  return TrackGPX(track).exportText(configuration);
 }
 
 }  // namespace
@@ -94,19 +84,15 @@ bool FolderSynchronizer::writeTrack(Track& track) {
   if (subfolder("tracks", fmt::format("track {} not mirrored", track.name())).empty()) return false;
   std::lock_guard<Track> lock(track);
   track.loadFromLibrary();
-  const auto gpx = gpxOfTrack(track);
-  const auto compressed = gpx ? gzipDeflate(*gpx) : std::nullopt;
+  const auto compressed = gzipDeflate(gpxOfTrack(track));
   if (!compressed) {
     logf("track {} not mirrored to {}: its GPX could not be made", track.name(), folder_);
     return false;
   }
   const std::string id = *track.iCloudId();
   // The record goes last: whoever sees it finds the track file complete.
-  const auto writeRecord = [&](const std::string& temporary) {
-    return TrackICloud::writeiCloudMetadataToURL(track, temporary);
-  };
   return writeFileAtomically(trackFile(id), *compressed) &&
-         writeFileAtomically(recordFile(id), writeRecord);
+         TrackICloud::writeiCloudMetadataToURL(track, recordFile(id));
 }
 
 void FolderSynchronizer::deleteTrackFromiCloud(Track& track) {
@@ -139,12 +125,12 @@ std::optional<std::string> FolderSynchronizer::movePhotoToiCloud(const std::stri
   const std::string name = safeName(id);
   const std::string copy =
       (fs::path(photos) / (name + lowerCase(fs::path(filepath).extension().string()))).string();
-  const bool written = writeFileAtomically(copy, [&](const std::string& temporary) {
-    std::error_code copyError;
-    fs::copy_file(filepath, temporary, fs::copy_options::overwrite_existing, copyError);
-    return !copyError;
-  });
-  if (!written) return std::nullopt;
+  const Result<std::string> bytes = readWholeFile(filepath);
+  if (!bytes) {
+    logf("photo {} not copied to sync folder {}: {}", filepath, folder_, bytes.reason());
+    return std::nullopt;
+  }
+  if (!writeFileAtomically(copy, *bytes)) return std::nullopt;
   std::lock_guard lock(photoMutex_);
   photoPaths_[name] = copy;
   return id;

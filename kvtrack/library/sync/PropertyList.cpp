@@ -1,6 +1,7 @@
 #include "kvtrack/library/sync/PropertyList.h"
 
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/NumberText.h"
 
 #include <plist/plist.h>
@@ -90,14 +91,8 @@ std::string propertyListXML(const PropertyRecord& record) {
 }
 
 bool writePropertyList(const PropertyRecord& record, const std::string& path) {
-  const std::string xml = propertyListXML(record);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(xml.data(), static_cast<std::streamsize>(xml.size()));
-  if (!out.flush()) {
-    logf("Error writing file: {}", path);
-    return false;
-  }
-  return true;
+  // Replaced only by a complete record; a failure is logged there.
+  return writeFileAtomically(path, propertyListXML(record)).ok();
 }
 
 std::optional<PropertyRecord> propertyListFromData(std::string_view data,

@@ -6,7 +6,7 @@
 #include "kvtrack/model/TrackPhoto.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
-#include "kvtrack/support/AtomicFile.h"
+#include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/KvPreferences.h"
@@ -216,12 +216,7 @@ bool updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath) {
   track.setIsDirty(false);
   track.setMetadataDirty(false);
   track.unload();
-  const bool written = writeFileAtomically(
-      folder + "/" + *track.filename(), [&](const std::string& temporary) {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(gpx->data(), static_cast<std::streamsize>(gpx->size()));
-        return static_cast<bool>(out.flush());
-      });
+  const bool written = writeFileAtomically(folder + "/" + *track.filename(), *gpx).ok();
   track.setIsLoaded(false);
   track.setIsDirty(false);
   // The figures are computed again from the new file on next use.
