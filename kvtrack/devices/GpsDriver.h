@@ -4,6 +4,7 @@
 // the device type "*" followed by that name.
 
 #include "kvtrack/model/Track.h"
+#include "kvtrack/support/Log.h"
 
 #include <cstdint>
 #include <functional>
@@ -32,13 +33,27 @@ class GpsDriver {
   using Progress = std::function<void(uint64_t done, uint64_t total, const char* unit)>;
   void setProgress(Progress progress) { progress_ = std::move(progress); }
 
+  /// Records of the last download skipped for a position outside the earth
+  /// (latitude beyond 90, longitude beyond 180 degrees).
+  uint64_t invalidPositionCount() const { return invalidPositions_; }
+
  protected:
   void reportProgress(uint64_t done, uint64_t total, const char* unit) const {
     if (progress_) progress_(done, total, unit);
   }
+  /// Drivers call this at the start of every download.
+  void resetInvalidPositionCount() { invalidPositions_ = 0; }
+  /// True for a position to keep; counts and logs the others.
+  bool acceptPosition(double latitude, double longitude) {
+    if (TrackPoint::isValidPosition(latitude, longitude)) return true;
+    ++invalidPositions_;
+    logf("{}: record skipped: invalid position {}, {}", name(), latitude, longitude);
+    return false;
+  }
 
  private:
   Progress progress_;
+  uint64_t invalidPositions_ = 0;
 };
 
 }  // namespace kvtrack

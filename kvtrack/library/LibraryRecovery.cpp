@@ -74,6 +74,14 @@ TrackLibraryFolderPtr samePlace(TrackLibrary& library, const TrackLibraryFolder&
   return folder;
 }
 
+// The folders of the previous index, empty ones included.
+void addFolders(TrackLibrary& library, const TrackLibraryFolder& source) {
+  for (const auto& folder : source.folders()) {
+    samePlace(library, *folder);
+    addFolders(library, *folder);
+  }
+}
+
 // Tracks of the previous index whose files are still there and that the
 // library does not hold yet, in the folders they had.
 size_t addFromPreviousIndex(TrackLibrary& library) {
@@ -83,6 +91,7 @@ size_t addFromPreviousIndex(TrackLibrary& library) {
   TrackLibraryXML reader;
   reader.setIsStandardLibrary(false);
   (void)reader.importText(*bytes, previous);  // what it yields is used, even before an error
+  addFolders(library, *previous);
   std::set<std::string> named = namedFiles(library);
   size_t added = 0;
   for (const auto& track : previous->allTracks()) {

@@ -49,6 +49,13 @@ std::string damageOf(const std::string& filename, const Status& read, int32_t in
                      invalidPositions);
 }
 
+void finishLoading(Track& track) {
+  track.setIsDirty(false);
+  track.setIsLoaded(true);
+  track.setMetadataDirty(false);
+  track.updateAll();
+}
+
 }  // namespace
 
 std::string LibraryTrackStore::pathOf(const Track& track) const {
@@ -60,6 +67,8 @@ void LibraryTrackStore::loadTrack(Track& track) {
   if (!track.filename()) {
     // nothing to read: a track only the synchronised store knows
   } else if (!fileExists(path)) {
+    // The library's collections have no file until they hold something.
+    if (track.type() == Track::kLibraryCollection) return finishLoading(track);
     track.setDamage(fmt::format("its file {} is missing", *track.filename()));
     logf("Track {}: {}", track.name(), *track.damage());
   } else {
@@ -74,10 +83,7 @@ void LibraryTrackStore::loadTrack(Track& track) {
       logf("Track {}: {}", name, *track.damage());
     }
   }
-  track.setIsDirty(false);
-  track.setIsLoaded(true);
-  track.setMetadataDirty(false);
-  track.updateAll();
+  finishLoading(track);
 }
 
 std::string LibraryTrackStore::generateFilename(Track& track) {

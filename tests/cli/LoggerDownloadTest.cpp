@@ -47,6 +47,8 @@ void loadTwoTracks(GT800Emulator& logger) {
     records.push_back(gt800Record(i == 0 ? 0x40 : 0x00, 18, 6, i, 471000000 + i * 1000,
                                   85000000 + i * 1000));
   }
+  // A record whose latitude lies beyond the pole is skipped and counted.
+  records.push_back(gt800Record(0x00, 18, 6, 2, 950000000, 85002000));
   for (std::size_t i = 0; i < records.size(); ++i) logger.putRecord(i, records[i]);
   logger.setRecordCount(static_cast<std::uint32_t>(records.size()));
 }
@@ -58,6 +60,7 @@ std::vector<BG728Point> bg728Points() {
   std::vector<BG728Point> points{
       {"13:05:09", "031524", "48.13715400", "11.5754900", "519.30"},
       {"13:05:14", "031524", "48.13730000", "11.5757000", "520.00"},
+      {"13:05:19", "031524", "95.00000000", "11.5759000", "520.50"},  // beyond the pole
   };
   return points;
 }
@@ -85,6 +88,7 @@ TEST_F(LoggerDownloadTest, GT800DownloadAddsBothTracks) {
   EXPECT_NE(result.out.find(": 2 tracks added"), std::string::npos) << result.out;
   EXPECT_NE(lineWith(result.out, "(3 points)"), "") << result.out;
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
+  EXPECT_NE(lineWith(result.out, "1 points with invalid coordinates skipped"), "") << result.out;
 
   const std::string listing = ok("ls");
   EXPECT_EQ(lineCount(listing), 3u) << listing;  // a heading and the two tracks
@@ -123,13 +127,15 @@ TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrack) {
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find(": 1 tracks added"), std::string::npos) << result.out;
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
+  EXPECT_NE(lineWith(result.out, "1 points with invalid coordinates skipped"), "") << result.out;
   const std::string listing = ok("ls");
   EXPECT_EQ(lineCount(listing), 2u) << listing;  // a heading and the track
   EXPECT_NE(lineWith(listing, "Mar 15, 2024"), "") << listing;
   EXPECT_EQ(logger.requests(),
             (std::vector<std::string>{BG728Emulator::kTimezoneRequest, BG728Emulator::kCountRequest,
                                       BG728Emulator::pointRequest(0),
-                                      BG728Emulator::pointRequest(1)}));
+                                      BG728Emulator::pointRequest(1),
+                                      BG728Emulator::pointRequest(2)}));
 }
 
 TEST_F(LoggerDownloadTest, BG728EraseClearsThePoints) {

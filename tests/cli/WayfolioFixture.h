@@ -42,10 +42,19 @@ class WayfolioTest : public ::testing::Test {
 
   /// The arguments are shell words: paths and names through word().
   WayfolioRun runOn(const std::string& libraryFolder, const std::string& arguments) const {
+    return runProgram(word(WAYFOLIO_BINARY), libraryFolder, arguments);
+  }
+  /// The same program with one system call failing ("write:3:ENOSPC").
+  WayfolioRun runWithFault(const std::string& fault, const std::string& arguments) const {
+    return runProgram("WAYFOLIO_TEST_FAULT=" + word(fault) + " " + word(WAYFOLIO_WITH_FAULTS),
+                      library(), arguments);
+  }
+  WayfolioRun runProgram(const std::string& program, const std::string& libraryFolder,
+                         const std::string& arguments) const {
     const std::string errors = scratch.file("stderr.txt");
     const std::string command = "WAYFOLIO_SETTINGS=" + word(scratch.file("settings.toml")) + " " +
-                                word(WAYFOLIO_BINARY) + " --library " + word(libraryFolder) +
-                                " " + arguments + " 2>" + word(errors);
+                                program + " --library " + word(libraryFolder) + " " + arguments +
+                                " 2>" + word(errors);
     const ShellOutput result = runShellCommandReadingOutput(command);
     return {result.status, result.output, ScratchFolder::read(errors)};
   }

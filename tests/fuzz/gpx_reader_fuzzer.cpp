@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   lseek(fd, 0, SEEK_SET);
   auto track = kvtrack::Track::track();
-  kvtrack::TrackGPX(track).importFrom("/proc/self/fd/" + std::to_string(fd));
+  (void)kvtrack::TrackGPX(track).importFrom("/proc/self/fd/" + std::to_string(fd));
   track->updateAll();
   close(fd);
   return 0;

@@ -145,11 +145,11 @@ Outcome runDownload(const DeviceOptions& options) {
   int status = 0;
   bool interrupted = false;
   std::string complaint;
+  auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
+                                              : nullptr;
   {
     InterruptGuard guard;
     // Blocks or points read, on a terminal only.
-    auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
-                                                : nullptr;
     if (driver && ::isatty(STDERR_FILENO) == 1) {
       driver->setProgress([](uint64_t done, uint64_t total, const char* unit) {
         std::fprintf(stderr, "\r\033[KRead %llu of %llu %s", static_cast<unsigned long long>(done),
@@ -168,13 +168,13 @@ Outcome runDownload(const DeviceOptions& options) {
   }
   if (interrupted) {
     fs::remove(gpx, ignored);
-    return Outcome{false, fmt::format("the download from {} was cancelled", options.device)};
+    return Outcome{.failure = fmt::format("the download from {} was cancelled", options.device)};
   }
   if (status != 0) {
     fs::remove(gpx, ignored);
     std::string message = fmt::format("the download from {} failed (status {})", options.device, status);
     if (!complaint.empty()) message += ": " + complaint;
-    return Outcome{false, message};
+    return Outcome{.failure = message};
   }
 
   auto library = TrackLibrary::singleton();
@@ -192,14 +192,17 @@ Outcome runDownload(const DeviceOptions& options) {
     for (const auto& track : configuration.importedTracks()) {
       if (auto folder = folderOf(*track)) folder->deleteTrack(track);
     }
-    return Outcome{created, fmt::format("the download from {} was not readable", options.device)};
+    return Outcome{.changed = created,
+                   .failure = fmt::format("the download from {} was not readable", options.device)};
   }
   const auto& tracks = configuration.importedTracks();
   std::string report =
       fmt::format("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
                   options.device, tracks.size(), configuration.identicalTrackCounter(),
                   configuration.importedPOIs().size());
-  if (const int64_t invalid = configuration.invalidPositionCounter()) {
+  const uint64_t skippedByDriver = driver ? driver->invalidPositionCount() : 0;
+  if (const uint64_t invalid =
+          static_cast<uint64_t>(configuration.invalidPositionCounter()) + skippedByDriver) {
     report += fmt::format("  {} points with invalid coordinates skipped\n", invalid);
   }
   for (const auto& track : tracks) {
@@ -235,7 +238,7 @@ Outcome runErase(const DeviceOptions& options) {
   if (status != 0) {
     std::string message = fmt::format("the erase of {} failed (status {})", options.device, status);
     if (!complaint.empty()) message += ": " + complaint;
-    return Outcome{false, message};
+    return Outcome{.failure = message};
   }
   fmt::print("Erased the tracks on {}\n", options.device);
   return {};

@@ -5,6 +5,7 @@
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/ISODate.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/NumberText.h"
 
 #include <fmt/format.h>
 
@@ -205,9 +206,11 @@ void BG728::processDeleteTracksResponse(const std::vector<std::string>& /*argume
 }
 
 void BG728::processTrackPointResponse(const std::vector<std::string>& arguments) {
+  // Coordinates that are no numbers are noise on the link, like any other
+  // unfit answer.
   const bool fits = arguments.size() >= 6 && integerValue(arguments[0]) == trackPointCounter_ &&
                     arguments[1].size() == 8 && arguments[2].size() == 6 &&
-                    !arguments[3].empty() && !arguments[4].empty();
+                    parseFiniteNumber(arguments[3]) && parseFiniteNumber(arguments[4]);
   std::optional<ISODate> time;
   std::string timeText;
   if (fits) {
@@ -226,13 +229,17 @@ void BG728::processTrackPointResponse(const std::vector<std::string>& arguments)
   }
 
   const int64_t index = trackPointCounter_;
-  auto point = TrackPoint::trackPointWithParent(currentTrack_.get());
-  point->setLatitude(decimalValue(arguments[3]));
-  point->setLongitude(decimalValue(arguments[4]));
-  point->setTime(time);
-  point->setElevation(decimalValue(arguments[5]));
-  currentTrack_->addTrackPoint(point);
-  if (currentTrack_->loadedPointCount() == 1) currentTrack_->setName(time->descriptionForGui());
+  const double latitude = decimalValue(arguments[3]), longitude = decimalValue(arguments[4]);
+  // A stored position that is impossible stays impossible when asked again.
+  if (acceptPosition(latitude, longitude)) {
+    auto point = TrackPoint::trackPointWithParent(currentTrack_.get());
+    point->setLatitude(latitude);
+    point->setLongitude(longitude);
+    point->setTime(time);
+    point->setElevation(decimalValue(arguments[5]));
+    currentTrack_->addTrackPoint(point);
+    if (currentTrack_->loadedPointCount() == 1) currentTrack_->setName(time->descriptionForGui());
+  }
 
   if (index % 50 == 0) {
     logf("BG728: Track point {} of {}: {}", index, numberOfTrackPoints_, timeText);
@@ -318,6 +325,7 @@ std::optional<std::vector<TrackPtr>> BG728::importTracksFromDevice(const std::st
                                                                    const Options& /*options*/) {
   std::lock_guard lock(exchangeMutex_);
   wrongResponseCounter_ = 0;
+  resetInvalidPositionCount();
   initPort(device);
   currentTrack_ = Track::track();
   std::vector<TrackPtr> result{currentTrack_};

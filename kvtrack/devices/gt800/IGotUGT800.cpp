@@ -308,6 +308,7 @@ void IGotUGT800::createTrackPoints(const uint8_t* records, uint64_t count) {
     const double longitude = bigEndian32(r + 16) / 10000000.0;
     // Whole metres only, truncated toward zero: 1,234.56 m is stored as 1,234 m.
     const double elevation = std::trunc(bigEndian32(r + 20) / 100.0);
+    if (!acceptPosition(latitude, longitude)) continue;
     if (newTrack) {
       currentTrack_ = Track::track();
       tracks_.push_back(currentTrack_);
@@ -335,6 +336,7 @@ void IGotUGT800::createTrackPoints(const uint8_t* records, uint64_t count) {
 std::optional<std::vector<TrackPtr>> IGotUGT800::importTracksFromDevice(const std::string& device,
                                                                         const Options& /*options*/) {
   resetTracks();
+  resetInvalidPositionCount();
   trackPointCount_ = 0;
   initPort(device);
   if (!isConnected()) return std::nullopt;

@@ -102,9 +102,13 @@ int writeToOutputFile(void* context, const char* bytes, int length) {
 
 int keepOpen(void*) { return 0; }
 
+// libxml2 prints I/O errors itself; callers report failures in their own words.
+void ignoreGenericError(void*, const char*, ...) {}
+
 }  // namespace
 
 Status XmlDocument::writeTo(OutputFile& file, const std::string& encoding) const {
+  xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
   xmlSaveCtxtPtr context = xmlSaveToIO(writeToOutputFile, keepOpen, &file, encoding.c_str(),
                                        XML_SAVE_FORMAT);
   if (!context) return Status::failure("cannot write " + file.path() + ": unknown encoding " + encoding);
