@@ -1,7 +1,7 @@
 // libFuzzer target: arbitrary bytes as what a sync folder hands over from
 // other machines, a track's property-list record and its gzip file.
 
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/Log.h"
 

@@ -3,7 +3,7 @@
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/formats/csv/TrackCSV.h"
 #include "kvtrack/formats/gpx/TrackGPX.h"
-#include "kvtrack/formats/kml/TrackKML.h"
+#include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/Commands.h"

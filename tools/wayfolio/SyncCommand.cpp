@@ -3,8 +3,8 @@
 #include "tools/wayfolio/SyncCommand.h"
 
 #include "kvtrack/library/TrackLibrary.h"
-#include "kvtrack/library/sync/FolderSynchronizer.h"
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/FolderSynchronizer.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"

@@ -1,7 +1,7 @@
 // wayfolio zip: tracks and folders of the library as one zip archive of GPX,
 // KML or KMZ files.
 #include "kvtrack/library/TrackLibrary.h"
-#include "kvtrack/library/archive/TrackLibraryArchive.h"
+#include "kvtrack/exports/TrackLibraryArchive.h"
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/ExportProblems.h"

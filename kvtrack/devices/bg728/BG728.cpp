@@ -1,6 +1,5 @@
 #include "kvtrack/devices/bg728/BG728.h"
 
-#include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/devices/serial/ZtSerialPort.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/ISODate.h"

@@ -1,6 +1,5 @@
 #include "kvtrack/devices/gt800/IGotUGT800.h"
 
-#include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/ISODate.h"
 #include "kvtrack/support/KvPreferences.h"

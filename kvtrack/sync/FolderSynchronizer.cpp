@@ -1,8 +1,8 @@
-#include "kvtrack/library/sync/FolderSynchronizer.h"
+#include "kvtrack/sync/FolderSynchronizer.h"
 
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/library/TrackStorage.h"
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/model/Track.h"
 #include "kvtrack/support/StagedFiles.h"
 #include "kvtrack/support/FileHandling.h"

@@ -1,4 +1,4 @@
-#include "kvtrack/library/sync/PropertyList.h"
+#include "kvtrack/sync/PropertyList.h"
 
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/StagedFiles.h"

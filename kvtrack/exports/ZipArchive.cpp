@@ -1,4 +1,4 @@
-#include "kvtrack/library/archive/ZipArchive.h"
+#include "kvtrack/exports/ZipArchive.h"
 
 #include "kvtrack/support/Log.h"
 

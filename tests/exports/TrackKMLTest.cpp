@@ -1,6 +1,6 @@
 // KML and KMZ as Google Earth's neighbours read them: GDAL, gpsbabel, unzip,
 // libvips' own header reader and exiftool, on files made by the tests.
-#include "kvtrack/formats/kml/TrackKML.h"
+#include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/support/ExternalProgram.h"

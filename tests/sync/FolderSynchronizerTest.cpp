@@ -1,7 +1,7 @@
 // The mirror in a sync folder: files other programs read, photos copied
 // and never moved, and a folder that went away left alone.
-#include "kvtrack/library/sync/FolderSynchronizer.h"
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/FolderSynchronizer.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/KvPreferences.h"

@@ -1,4 +1,4 @@
-#include "kvtrack/formats/kml/GxImage.h"
+#include "kvtrack/exports/GxImage.h"
 
 #include "kvtrack/support/Log.h"
 

@@ -1,5 +1,5 @@
 // Zip archives of library tracks, checked with Info-ZIP's unzip.
-#include "kvtrack/library/archive/TrackLibraryArchive.h"
+#include "kvtrack/exports/TrackLibraryArchive.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/Log.h"

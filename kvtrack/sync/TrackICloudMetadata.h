@@ -19,7 +19,7 @@
 //                                       2001-01-01T00:00:00Z when built
 // Readers give empty values or 0 for missing keys; nothing here throws.
 
-#include "kvtrack/library/sync/PropertyList.h"
+#include "kvtrack/sync/PropertyList.h"
 #include "kvtrack/model/Track.h"
 #include "kvtrack/support/ISODate.h"
 

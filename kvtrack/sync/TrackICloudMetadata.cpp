@@ -1,4 +1,4 @@
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"

@@ -1,6 +1,6 @@
 // The placemarks of a KML document: waypoints, photos and the track line.
-#include "kvtrack/formats/kml/GxImage.h"
-#include "kvtrack/formats/kml/TrackKML.h"
+#include "kvtrack/exports/GxImage.h"
+#include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/formats/xml/XmlTree.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/ExifTool.h"

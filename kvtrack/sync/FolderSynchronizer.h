@@ -17,7 +17,7 @@
 // filling a stray folder in its place.
 
 #include "kvtrack/library/ICloudSynchronizer.h"
-#include "kvtrack/library/sync/PropertyList.h"
+#include "kvtrack/sync/PropertyList.h"
 
 #include <map>
 #include <mutex>

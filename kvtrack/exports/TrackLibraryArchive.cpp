@@ -1,8 +1,8 @@
-#include "kvtrack/library/archive/TrackLibraryArchive.h"
+#include "kvtrack/exports/TrackLibraryArchive.h"
 
-#include "kvtrack/formats/kml/TrackKML.h"
+#include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/library/TrackStorage.h"
-#include "kvtrack/library/archive/ZipArchive.h"
+#include "kvtrack/exports/ZipArchive.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
 

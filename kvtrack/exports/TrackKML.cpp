@@ -1,4 +1,4 @@
-#include "kvtrack/formats/kml/TrackKML.h"
+#include "kvtrack/exports/TrackKML.h"
 
 #include "kvtrack/formats/xml/XmlTree.h"
 #include "kvtrack/support/ExternalProgram.h"

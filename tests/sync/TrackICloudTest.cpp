@@ -1,7 +1,7 @@
 // Metadata records, gzip and received track files, checked with the real
 // readers other programs use: python's plistlib, plistutil and gzip.
 #include "kvtrack/formats/gpx/TrackGPX.h"
-#include "kvtrack/library/sync/TrackICloudMetadata.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/Log.h"
