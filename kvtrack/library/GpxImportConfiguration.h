@@ -2,6 +2,7 @@
 // Options and results of importing a GPX file into the library.
 
 #include "kvtrack/model/Track.h"
+#include "kvtrack/support/Status.h"
 
 #include <cstdint>
 #include <memory>
@@ -20,6 +21,15 @@ class GpxImportDelegate {
   virtual void newTrackAdded(Track&) {}
   virtual void notificationNewTrack() {}
   virtual void notificationNewTrackOk() {}
+};
+
+/// What reading one file into the library did.
+struct GpxFileImport {
+  /// The file's new tracks plus those refused as duplicates.
+  int32_t trackCount = 0;
+  /// A failure when the file could not be read whole; the tracks read
+  /// before the error are in the folder and the configuration all the same.
+  Status status;
 };
 
 class GpxImportConfiguration {
@@ -56,6 +66,13 @@ class GpxImportConfiguration {
   /// Points skipped for a missing, non-numeric or impossible position.
   int64_t invalidPositionCounter() const { return invalidPositionCounter_; }
   void setInvalidPositionCounter(int64_t v) { invalidPositionCounter_ = v; }
+  /// Tracks from a device: marked newly imported, and those too small to
+  /// be a track (fewer than two points, not a lone waypoint) are dropped.
+  bool isExternal() const { return isExternal_; }
+  void setIsExternal(bool v) { isExternal_ = v; }
+  /// Points filed into the library's geocache collection.
+  int64_t filedGeocacheCounter() const { return filedGeocacheCounter_; }
+  void setFiledGeocacheCounter(int64_t v) { filedGeocacheCounter_ = v; }
 
  private:
   bool setTimeZone_ = true;
@@ -70,6 +87,8 @@ class GpxImportConfiguration {
   int64_t newTrackCounter_ = 0;
   int64_t identicalTrackCounter_ = 0;
   int64_t invalidPositionCounter_ = 0;
+  bool isExternal_ = false;
+  int64_t filedGeocacheCounter_ = 0;
 };
 
 }  // namespace kvtrack

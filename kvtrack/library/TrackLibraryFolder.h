@@ -5,6 +5,7 @@
 
 #include "kvtrack/model/Track.h"
 #include "kvtrack/model/TrackFolder.h"
+#include "kvtrack/support/Status.h"
 
 #include <memory>
 #include <mutex>
@@ -113,15 +114,18 @@ class TrackLibraryFolder : public TrackFolder,
 
   // --- importing files into this folder -----------------------------------------
   /// By file ending: .kml, .loc, .gpi, .ov2 through gpsbabel, anything else as GPX.
-  bool importGPX(const std::string& path, GpxImportConfiguration& configuration);
-  bool importKML(const std::string& path);
-  bool importKML(const std::string& path, bool setTimeZone, GpxImportDelegate* delegate);
-  bool importLOC(const std::string& path);
-  bool importLOC(const std::string& path, bool setTimeZone, GpxImportDelegate* delegate);
+  /// A failure names what could not be read (the file, or gpsbabel's
+  /// complaint about it); tracks read before an error stay in the folder
+  /// and in the configuration.
+  Status importGPX(const std::string& path, GpxImportConfiguration& configuration);
+  Status importKML(const std::string& path);
+  Status importKML(const std::string& path, bool setTimeZone, GpxImportDelegate* delegate);
+  Status importLOC(const std::string& path);
+  Status importLOC(const std::string& path, bool setTimeZone, GpxImportDelegate* delegate);
   /// Any gpsbabel format.
-  bool importFrom(const std::string& path, const std::string& format);
-  bool importFrom(const std::string& path, const std::string& format,
-                  GpxImportConfiguration* gpxConfiguration);
+  Status importFrom(const std::string& path, const std::string& format);
+  Status importFrom(const std::string& path, const std::string& format,
+                    GpxImportConfiguration* gpxConfiguration);
 
  protected:
   mutable std::recursive_mutex mutex_;

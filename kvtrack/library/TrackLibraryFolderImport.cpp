@@ -30,11 +30,10 @@ std::string intermediateFile(const char* name) {
 
 // Reads an intermediate file with a fresh configuration; what it collected
 // is handed back to the caller's configuration for its summary.
-bool importIntermediate(TrackLibraryFolder& folder, const std::string& path,
-                        GpxImportConfiguration& fresh, GpxImportConfiguration* caller) {
+Status importIntermediate(TrackLibraryFolder& folder, const std::string& path,
+                          GpxImportConfiguration& fresh, GpxImportConfiguration* caller) {
   fresh.setTargetFolder(std::dynamic_pointer_cast<TrackLibraryFolder>(folder.shared_from_this()));
-  TrackLibraryGPX importer;
-  importer.importFrom(path, fresh);
+  const GpxFileImport read = TrackLibraryGPX().importFrom(path, fresh);
   // The tracks are in memory now; the library names only files it keeps.
   std::error_code ignored;
   std::filesystem::remove(path, ignored);
@@ -45,13 +44,23 @@ bool importIntermediate(TrackLibraryFolder& folder, const std::string& path,
     caller->setNewTrackCounter(caller->newTrackCounter() + fresh.newTrackCounter());
     caller->setInvalidPositionCounter(caller->invalidPositionCounter() +
                                       fresh.invalidPositionCounter());
+    caller->setFiledGeocacheCounter(caller->filedGeocacheCounter() + fresh.filedGeocacheCounter());
+    auto& pois = caller->importedPOIs();
+    pois.insert(pois.end(), fresh.importedPOIs().begin(), fresh.importedPOIs().end());
   }
-  return importer.lastImportSucceeded();
+  return read.status;
+}
+
+// Converts through gpsbabel, then reads what it wrote.
+Status importConverted(TrackLibraryFolder& folder, const Status& converted, const std::string& gpx,
+                       GpxImportConfiguration& fresh, GpxImportConfiguration* caller) {
+  if (!converted) return converted;
+  return importIntermediate(folder, gpx, fresh, caller);
 }
 
 }  // namespace
 
-bool TrackLibraryFolder::importGPX(const std::string& path, GpxImportConfiguration& configuration) {
+Status TrackLibraryFolder::importGPX(const std::string& path, GpxImportConfiguration& configuration) {
   if (endsWithIgnoringCase(path, ".kml")) {
     return importKML(path, configuration.setTimeZone(), configuration.delegate());
   }
@@ -61,56 +70,49 @@ bool TrackLibraryFolder::importGPX(const std::string& path, GpxImportConfigurati
   if (endsWithIgnoringCase(path, ".gpi")) return importFrom(path, "garmin_gpi", &configuration);
   if (endsWithIgnoringCase(path, ".ov2")) return importFrom(path, "tomtom", &configuration);
   configuration.setTargetFolder(shared_from_this());
-  TrackLibraryGPX importer;
-  importer.importFrom(path, configuration);
-  return importer.lastImportSucceeded();
+  return TrackLibraryGPX().importFrom(path, configuration).status;
 }
 
-bool TrackLibraryFolder::importKML(const std::string& path) { return importKML(path, true, nullptr); }
+Status TrackLibraryFolder::importKML(const std::string& path) { return importKML(path, true, nullptr); }
 
-bool TrackLibraryFolder::importKML(const std::string& path, bool setTimeZone,
+Status TrackLibraryFolder::importKML(const std::string& path, bool setTimeZone,
                                    GpxImportDelegate* delegate) {
   const std::string gpx = intermediateFile("kml.gpx");
-  GPSBabel::singleton().convertKML(path, gpx);
+  const Status converted = GPSBabel::singleton().convertKML(path, gpx);
   GpxImportConfiguration fresh;
   fresh.setSetTimeZone(setTimeZone);
   fresh.setDelegate(delegate);
   fresh.setDoNotImportPOIs(true);
-  return importIntermediate(*this, gpx, fresh, nullptr);
+  return importConverted(*this, converted, gpx, fresh, nullptr);
 }
 
-bool TrackLibraryFolder::importLOC(const std::string& path) { return importLOC(path, true, nullptr); }
+Status TrackLibraryFolder::importLOC(const std::string& path) { return importLOC(path, true, nullptr); }
 
-bool TrackLibraryFolder::importLOC(const std::string& path, bool setTimeZone,
+Status TrackLibraryFolder::importLOC(const std::string& path, bool setTimeZone,
                                    GpxImportDelegate* delegate) {
   const std::string gpx = intermediateFile("loc.gpx");
-  GPSBabel::singleton().convertLOC(path, gpx);
+  const Status converted = GPSBabel::singleton().convertLOC(path, gpx);
   GpxImportConfiguration fresh;
   fresh.setSetTimeZone(setTimeZone);
   fresh.setDelegate(delegate);
-  return importIntermediate(*this, gpx, fresh, nullptr);
+  return importConverted(*this, converted, gpx, fresh, nullptr);
 }
 
-bool TrackLibraryFolder::importFrom(const std::string& path, const std::string& format) {
+Status TrackLibraryFolder::importFrom(const std::string& path, const std::string& format) {
   return importFrom(path, format, nullptr);
 }
 
-bool TrackLibraryFolder::importFrom(const std::string& path, const std::string& format,
+Status TrackLibraryFolder::importFrom(const std::string& path, const std::string& format,
                                     GpxImportConfiguration* gpxConfiguration) {
   const std::string gpx = intermediateFile("convert.gpx");
-  GPSBabel::singleton().convert(path, gpx, format);
+  const Status converted = GPSBabel::singleton().convert(path, gpx, format);
   GpxImportConfiguration fresh;
   fresh.setSetTimeZone(false);
   if (gpxConfiguration) {
     fresh.setDelegate(gpxConfiguration->delegate());
     fresh.setTrackIdPrefix(gpxConfiguration->trackIdPrefix());
   }
-  const bool ok = importIntermediate(*this, gpx, fresh, gpxConfiguration);
-  if (gpxConfiguration) {
-    auto& pois = gpxConfiguration->importedPOIs();
-    pois.insert(pois.end(), fresh.importedPOIs().begin(), fresh.importedPOIs().end());
-  }
-  return ok;
+  return importConverted(*this, converted, gpx, fresh, gpxConfiguration);
 }
 
 }  // namespace kvtrack

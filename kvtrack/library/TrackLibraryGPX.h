@@ -23,19 +23,9 @@ class TrackLibraryGPX {
       : allTracks_(std::move(allTracks)) {}
 
   /// Reads the file into the configuration's target folder (the library's
-  /// root when none). Returns the number of tracks the file added; the
-  /// configuration collects the tracks, refused duplicates and filed points.
-  int32_t importFrom(const std::string& path, GpxImportConfiguration& configuration);
-  /// Whether the last import read its file completely.
-  bool lastImportSucceeded() const { return lastImportSucceeded_; }
-  const std::string& importFilename() const { return importFilename_; }
-
-  /// The next library import is of tracks from a device: its created tracks
-  /// are marked newly imported and tiny ones are dropped.
-  static void setNextImportIsExternal();
-  /// Geocaches filed into the library's collection since the last reset.
-  static int32_t geocacheCount();
-  static void resetGeocacheCount();
+  /// root when none); the configuration collects the tracks, refused
+  /// duplicates and filed points over all its imports.
+  GpxFileImport importFrom(const std::string& path, GpxImportConfiguration& configuration);
 
   /// With trackOnly, that track alone (waypoints and track, whatever
   /// exportWaypointsOnly says); otherwise every track, or the selected ones.
@@ -59,8 +49,6 @@ class TrackLibraryGPX {
 
  private:
   std::function<std::vector<TrackPtr>()> allTracks_;
-  std::string importFilename_;
-  bool lastImportSucceeded_ = false;
 };
 
 }  // namespace kvtrack

@@ -11,14 +11,10 @@
 #include "kvtrack/support/UserDefaults.h"
 
 #include <algorithm>
-#include <atomic>
 
 namespace kvtrack {
 
 namespace {
-
-std::atomic<bool> nextImportIsExternal{false};
-std::atomic<int32_t> filedGeocaches{0};
 
 // The document level: every "trk" or "rte" becomes a new track of the
 // target folder, every "wpt" a loose point matched afterwards.
@@ -30,7 +26,6 @@ class LibraryRoot : public xml::SaxHandler {
 
   std::vector<TrackPtr> created;
   std::vector<TrackPointPtr> wayPoints;
-  int32_t trackCounter = 0;
 
   void startElement(xml::SaxParser& parser, std::string_view name,
                     const xml::Attributes& attributes) override {
@@ -42,7 +37,6 @@ class LibraryRoot : public xml::SaxHandler {
       folder_.addTrack(track);
       created.push_back(track);
       gpx::TrackGPXElement::trackGPXElementForTrack(*track, parser, context_);
-      ++trackCounter;
       if (delegate) delegate->notificationNewTrackOk();
     } else if (name == "wpt") {
       auto point = gpx::WayPointGPXElement::startWayPoint(nullptr, parser, attributes, context_);
@@ -77,15 +71,6 @@ void removeTrack(const TrackPtr& track, std::vector<TrackPtr>& created) {
   std::erase(created, track);
 }
 
-TrackPointPtr matchWayPoint(Track& track, const TrackPoint& wayPoint) {
-  TrackPointPtr match;
-  if (wayPoint.latitude() != 0.0 && wayPoint.longitude() != 0.0) {
-    match = track.findTrackPointForCoords(wayPoint);
-  }
-  if (!match) match = track.findTrackPointWithDate(wayPoint.time());
-  return match;
-}
-
 // Points of interest go to the library's collection of loose waypoints.
 void fileAsPointsOfInterest(Track& track, TrackLibrary& library,
                             GpxImportConfiguration& configuration) {
@@ -105,7 +90,7 @@ void fileAsPointsOfInterest(Track& track, TrackLibrary& library,
   collection.makeDirty();
 }
 
-void fileAsGeocaches(Track& track, TrackLibrary& library) {
+void fileAsGeocaches(Track& track, TrackLibrary& library, GpxImportConfiguration& configuration) {
   Track& collection = *library.geocacheTrack();
   {
     std::lock_guard<Track> lock(track);
@@ -124,7 +109,7 @@ void fileAsGeocaches(Track& track, TrackLibrary& library) {
       }
       collection.addTrackPointNamed(copy);
       collection.makeDirty();
-      ++filedGeocaches;
+      configuration.setFiledGeocacheCounter(configuration.filedGeocacheCounter() + 1);
     }
   }
   // Written now so that the descriptions can leave memory. After a failure
@@ -136,139 +121,156 @@ void fileAsGeocaches(Track& track, TrackLibrary& library) {
   }
 }
 
-}  // namespace
+// One file read into the library, step by step.
+class FileImport {
+ public:
+  FileImport(TrackLibrary& library, TrackLibraryFolder& target, GpxImportConfiguration& configuration)
+      : library_(library), target_(target), configuration_(configuration) {}
 
-void TrackLibraryGPX::setNextImportIsExternal() { nextImportIsExternal = true; }
-int32_t TrackLibraryGPX::geocacheCount() { return filedGeocaches; }
-void TrackLibraryGPX::resetGeocacheCount() { filedGeocaches = 0; }
-
-int32_t TrackLibraryGPX::importFrom(const std::string& path, GpxImportConfiguration& configuration) {
-  GeocacheExternalImport::install();
-  lastImportSucceeded_ = false;
-  const auto library = TrackLibrary::singleton();
-  TrackLibraryFolderPtr target = configuration.targetFolder();
-  if (!target) target = library;  // design decision: files without a folder go to the root
-  if (path.empty()) {
-    logLine("Error creating URL!");
-    nextImportIsExternal = false;
-    return 0;
-  }
-  importFilename_ = path;
-  gpx::ReadContext context{path, 0};
-  LibraryRoot root(*target, configuration, context);
-  xml::SaxParser parser;
-  const bool parsed = parser.parseFile(path, root);
-  configuration.setInvalidPositionCounter(configuration.invalidPositionCounter() +
-                                          context.invalidPositions);
-  const bool external = nextImportIsExternal;
-  std::vector<TrackPtr>& created = root.created;
-  int32_t& trackCounter = root.trackCounter;
-
-  const auto timeZone = KvPreferences::singleton().timeZoneInMinutes();
-  std::vector<TrackPtr> duplicates;
-  for (const auto& track : created) {
-    track->setNewlyImported(external);
-    if (configuration.setTimeZone() && !track->timezoneSetDuringImport() && timeZone) {
-      track->setTimezoneOffset(*timeZone);
-    }
-    if (const auto& prefix = configuration.trackIdPrefix()) {
-      if (const auto contentId = contentTrackId(*track, *prefix)) {
-        const std::string& id = *contentId;
-        const bool ignoreIds =
-            UserDefaults::singleton().boolForKey("IgnoreTrackIdDuringImport").value_or(false);
-        if (library->trackWithTrackId(id) && !ignoreIds) {
-          logf("Track with ID {} already exists and will not be imported!", id);
-          duplicates.push_back(track);
-          configuration.setIdenticalTrackCounter(configuration.identicalTrackCounter() + 1);
-          continue;
-        }
-        track->setTrackId(id);
-      } else {
-        track->setTrackId(FileHandling::guid());
+  GpxFileImport run(const std::string& path) {
+    gpx::ReadContext context{path, 0};
+    LibraryRoot root(target_, configuration_, context);
+    xml::SaxParser parser;
+    const bool parsed = parser.parseFile(path, root);
+    configuration_.setInvalidPositionCounter(configuration_.invalidPositionCounter() +
+                                             context.invalidPositions);
+    created_ = std::move(root.created);
+    const bool fileHadTracks = !created_.empty();
+    settleNewTracks();
+    if (!configuration_.removeAllWaypoints()) {
+      if (!created_.empty()) {
+        matchWayPoints(root.wayPoints);
+      } else if (!fileHadTracks && !root.wayPoints.empty()) {
+        // When the file's tracks were all refused as duplicates, its
+        // waypoints are not filed as places either.
+        fileLooseWayPoints(root.wayPoints);
       }
     }
-    track->updateAll();
-  }
-  for (const auto& duplicate : duplicates) removeTrack(duplicate, created);
+    if (configuration_.isExternal()) dropTinyTracks();
 
-  const bool fileHadTracks = trackCounter > 0;
-  if (!configuration.removeAllWaypoints() && !created.empty()) {
+    auto& imported = configuration_.mutableImportedTracks();
+    imported.insert(imported.end(), created_.begin(), created_.end());
+    configuration_.setNewTrackCounter(configuration_.newTrackCounter() +
+                                      static_cast<int64_t>(created_.size()));
+    GpxFileImport result{static_cast<int32_t>(created_.size() + duplicates_), {}};
+    if (!parsed) {
+      logLine("TrackLibraryGPX: Error parsing file!");
+      result.status = Status::failure(parser.error() ? parser.error()->reason() : "not readable");
+    }
+    return result;
+  }
+
+ private:
+  // Time zone and id of each new track; duplicates of library tracks go.
+  void settleNewTracks() {
+    const auto timeZone = KvPreferences::singleton().timeZoneInMinutes();
+    const bool ignoreIds =
+        UserDefaults::singleton().boolForKey("IgnoreTrackIdDuringImport").value_or(false);
+    for (const auto& track : std::vector<TrackPtr>(created_)) {
+      track->setNewlyImported(configuration_.isExternal());
+      if (configuration_.setTimeZone() && !track->timezoneSetDuringImport() && timeZone) {
+        track->setTimezoneOffset(*timeZone);
+      }
+      if (const auto& prefix = configuration_.trackIdPrefix()) {
+        const auto id = contentTrackId(*track, *prefix);
+        if (id && library_.trackWithTrackId(*id) && !ignoreIds) {
+          logf("Track with ID {} already exists and will not be imported!", *id);
+          configuration_.setIdenticalTrackCounter(configuration_.identicalTrackCounter() + 1);
+          ++duplicates_;
+          removeTrack(track, created_);
+          continue;
+        }
+        track->setTrackId(id ? *id : FileHandling::guid());
+      }
+      track->updateAll();
+    }
+  }
+
+  // Each named waypoint marks the first matching point of the new tracks.
+  // A single track whose every point is so named is a list of places.
+  void matchWayPoints(const std::vector<TrackPointPtr>& wayPoints) {
     size_t matches = 0;
-    for (const auto& wayPoint : root.wayPoints) {
-      for (const auto& track : created) {
-        auto match = matchWayPoint(*track, *wayPoint);
-        if (!match || !wayPoint->name() || wayPoint->name()->empty()) continue;
+    for (const auto& wayPoint : wayPoints) {
+      if (!wayPoint->name() || wayPoint->name()->empty()) continue;
+      for (const auto& track : created_) {
+        auto match = track->findTrackPointForWayPoint(*wayPoint);
+        if (!match) continue;
         match->setIsWayPoint(true);
         match->copyWaypointAttributesFrom(*wayPoint);
         ++matches;
         break;
       }
     }
-    if (created.size() == 1 && !configuration.doNotImportPOIs() &&
-        matches == created.front()->loadedPointCount()) {
-      // Every point named by a waypoint: a list of points of interest.
-      const TrackPtr track = created.front();
+    if (created_.size() == 1 && !configuration_.doNotImportPOIs() &&
+        matches == created_.front()->loadedPointCount()) {
+      const TrackPtr track = created_.front();
       track->setType(Track::kPlaceCollection);
-      --trackCounter;
-      fileAsPointsOfInterest(*track, *library, configuration);
-      removeTrack(track, created);
+      fileAsPointsOfInterest(*track, library_, configuration_);
+      removeTrack(track, created_);
     }
-    for (const auto& track : created) track->updateProperties();  // counts after matching
-  } else if (!configuration.removeAllWaypoints() && !fileHadTracks && !root.wayPoints.empty()) {
-    // Only a file of waypoints alone: when its tracks were all refused as
-    // duplicates, its waypoints are not filed as places either.
+    for (const auto& track : created_) track->updateProperties();  // counts after matching
+  }
+
+  // A file of waypoints alone: a track of them, filed as geocaches or
+  // places when it is one of those, kept as a track otherwise.
+  void fileLooseWayPoints(const std::vector<TrackPointPtr>& wayPoints) {
     auto track = Track::track();
-    if (const auto& name = root.wayPoints.front()->name()) track->setName(*name);
+    if (const auto& name = wayPoints.front()->name()) track->setName(*name);
     track->setIsLoaded(true);
-    target->addTrack(track);
-    ++trackCounter;
-    for (const auto& wayPoint : root.wayPoints) {
+    target_.addTrack(track);
+    for (const auto& wayPoint : wayPoints) {
       auto copy = TrackPoint::trackPointWithParent(track.get(), *wayPoint);
-      if (copy->name() && copy->name()->starts_with("WPT")) {
-        copy->setName(std::nullopt);
-        copy->setIsWayPoint(false);
-      } else {
-        copy->setIsWayPoint(true);
-      }
+      const bool unnamed = copy->name() && copy->name()->starts_with("WPT");
+      if (unnamed) copy->setName(std::nullopt);
+      copy->setIsWayPoint(!unnamed);
       track->addTrackPoint(copy);
     }
     track->updateAll();
     if (track->type() == Track::kGeocacheCollection) {
-      --trackCounter;
-      fileAsGeocaches(*track, *library);
-      target->deleteTrack(track);
-    } else if (track->type() == Track::kPlaceCollection && !configuration.doNotImportPOIs()) {
-      --trackCounter;
-      fileAsPointsOfInterest(*track, *library, configuration);
-      target->deleteTrack(track);
+      fileAsGeocaches(*track, library_, configuration_);
+      target_.deleteTrack(track);
+    } else if (track->type() == Track::kPlaceCollection && !configuration_.doNotImportPOIs()) {
+      fileAsPointsOfInterest(*track, library_, configuration_);
+      target_.deleteTrack(track);
     } else {
-      created.push_back(track);
-      notifyNewTrack(*track, configuration);
+      created_.push_back(track);
+      notifyNewTrack(*track, configuration_);
     }
   }
 
-  if (external) {
-    for (const auto& track : std::vector<TrackPtr>(created)) {
+  // Tracks from a device need two points, or one waypoint.
+  void dropTinyTracks() {
+    for (const auto& track : std::vector<TrackPtr>(created_)) {
       const size_t count = track->loadedPointCount();
       const bool lonelyWaypoint = count == 1 && track->trackPoints().front()->isWayPoint();
       if (count < 2 && !lonelyWaypoint) {
-        --trackCounter;
-        removeTrack(track, created);
+        removeTrack(track, created_);
       } else {
-        notifyNewTrack(*track, configuration);
+        notifyNewTrack(*track, configuration_);
       }
     }
   }
 
-  auto& imported = configuration.mutableImportedTracks();
-  imported.insert(imported.end(), created.begin(), created.end());
-  nextImportIsExternal = false;
-  if (!parsed) logLine("TrackLibraryGPX: Error parsing file!");
-  importFilename_.clear();
-  configuration.setNewTrackCounter(configuration.newTrackCounter() + trackCounter -
-                                   configuration.identicalTrackCounter());
-  lastImportSucceeded_ = parsed;
-  return trackCounter;
+  TrackLibrary& library_;
+  TrackLibraryFolder& target_;
+  GpxImportConfiguration& configuration_;
+  std::vector<TrackPtr> created_;
+  int32_t duplicates_ = 0;
+};
+
+}  // namespace
+
+GpxFileImport TrackLibraryGPX::importFrom(const std::string& path,
+                                          GpxImportConfiguration& configuration) {
+  GeocacheExternalImport::install();
+  const auto library = TrackLibrary::singleton();
+  TrackLibraryFolderPtr target = configuration.targetFolder();
+  if (!target) target = library;  // design decision: files without a folder go to the root
+  if (path.empty()) {
+    logLine("Error creating URL!");
+    return {0, Status::failure("no file named")};
+  }
+  return FileImport(*library, *target, configuration).run(path);
 }
 
 }  // namespace kvtrack

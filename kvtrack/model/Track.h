@@ -115,6 +115,9 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   TrackPointPtr findTrackPointAfterDate(const ISODate& date);
   /// First point at exactly the same latitude and longitude.
   TrackPointPtr findTrackPointForCoords(const TrackPoint& point);
+  /// The point a waypoint read from a file names: the one at its position
+  /// (when both coordinates are non-zero), else the one nearest its time.
+  TrackPointPtr findTrackPointForWayPoint(const TrackPoint& wayPoint);
   PointInTrack findNearestPointForLatitude(double latitude, double longitude);
   /// Continues a search over several tracks: returns the better of the given
   /// record and this track's nearest point (earliest among equals).

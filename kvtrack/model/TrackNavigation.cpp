@@ -145,6 +145,14 @@ TrackPointPtr Track::findTrackPointForCoords(const TrackPoint& target) {
   return nullptr;
 }
 
+TrackPointPtr Track::findTrackPointForWayPoint(const TrackPoint& wayPoint) {
+  TrackPointPtr match;
+  if (wayPoint.latitude() != 0.0 && wayPoint.longitude() != 0.0) {
+    match = findTrackPointForCoords(wayPoint);
+  }
+  return match ? match : findTrackPointWithDate(wayPoint.time());
+}
+
 PointInTrack Track::findNearestPointForLatitude(double latitude, double longitude) {
   Lock lock(*this);
   loadFromLibrary();

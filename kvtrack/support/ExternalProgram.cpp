@@ -2,6 +2,8 @@
 
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/SystemCalls.h"
+#include "kvtrack/support/UniqueFd.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -22,8 +24,9 @@ namespace {
 // Copies of the entries, so a concurrent setenv cannot pull them away.
 
 // Starts /bin/sh -c commandLine with standard output on outputDescriptor
-// (-1: ours). The process id, or -1 (logged).
-pid_t startShell(const std::string& commandLine, int outputDescriptor) {
+// and standard error on errorDescriptor (-1: ours). The process id, or -1
+// (logged).
+pid_t startShell(const std::string& commandLine, int outputDescriptor, int errorDescriptor = -1) {
   if (commandLine.find('\0') != std::string::npos) {
     logLine("external program: the command line holds a NUL byte; not started");
     return -1;
@@ -40,6 +43,9 @@ pid_t startShell(const std::string& commandLine, int outputDescriptor) {
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (outputDescriptor >= 0) {
     posix_spawn_file_actions_adddup2(&actions, outputDescriptor, STDOUT_FILENO);
+  }
+  if (errorDescriptor >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, errorDescriptor, STDERR_FILENO);
   }
   const CleanChildAttributes attributes;
 
@@ -100,7 +106,9 @@ int runShellCommand(const std::string& commandLine) {
   return pid < 0 ? -1 : waitForShell(pid);
 }
 
-ShellOutput runShellCommandReadingOutput(const std::string& commandLine) {
+// Runs the command with one of its standard streams (1 or 2) into a pipe
+// and gathers what arrives there.
+static ShellOutput runGathering(const std::string& commandLine, int stream) {
   logLine(commandLine);
   ShellOutput result;
   int pipeEnds[2];
@@ -108,28 +116,33 @@ ShellOutput runShellCommandReadingOutput(const std::string& commandLine) {
     logf("external program: cannot create a pipe: {}", std::strerror(errno));
     return result;
   }
-  pid_t pid = startShell(commandLine, pipeEnds[1]);
+  UniqueFd reading(pipeEnds[0]);
+  pid_t pid = stream == STDOUT_FILENO ? startShell(commandLine, pipeEnds[1])
+                                      : startShell(commandLine, -1, pipeEnds[1]);
   // Only the child may hold the writing end, or reading never sees the end.
   ::close(pipeEnds[1]);
-  if (pid < 0) {
-    ::close(pipeEnds[0]);
-    return result;
-  }
+  if (pid < 0) return result;
+  std::string& gathered = stream == STDOUT_FILENO ? result.output : result.errors;
   char buffer[65536];
   while (true) {
-    ssize_t count = ::read(pipeEnds[0], buffer, sizeof buffer);
-    if (count > 0) {
-      result.output.append(buffer, static_cast<size_t>(count));
-    } else if (count == 0) {
-      break;
-    } else if (errno != EINTR) {
-      logf("external program: cannot read the output: {}", std::strerror(errno));
+    const ssize_t count = readSome(reading.get(), buffer, sizeof buffer);
+    if (count <= 0) {
+      if (count < 0) logf("external program: cannot read its output: {}", std::strerror(errno));
       break;
     }
+    gathered.append(buffer, static_cast<size_t>(count));
   }
-  ::close(pipeEnds[0]);
+  reading.reset();
   result.status = waitForShell(pid);
   return result;
+}
+
+ShellOutput runShellCommandReadingOutput(const std::string& commandLine) {
+  return runGathering(commandLine, STDOUT_FILENO);
+}
+
+ShellOutput runShellCommandReadingErrors(const std::string& commandLine) {
+  return runGathering(commandLine, STDERR_FILENO);
 }
 
 }  // namespace kvtrack

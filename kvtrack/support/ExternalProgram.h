@@ -17,11 +17,16 @@ namespace kvtrack {
 int runShellCommand(const std::string& commandLine);
 
 struct ShellOutput {
-  int status = -1;  // as from runShellCommand
-  std::string output;  // all of standard output; standard error passes through
+  int status = -1;     // as from runShellCommand
+  std::string output;  // all of standard output, when read
+  std::string errors;  // all of standard error, when read
 };
 
+/// Standard output is read; standard error passes through.
 ShellOutput runShellCommandReadingOutput(const std::string& commandLine);
+/// Standard error is read (the program's complaints, for its caller to
+/// report); standard output passes through.
+ShellOutput runShellCommandReadingErrors(const std::string& commandLine);
 
 /// The environment every child process gets: ours, with TMPDIR pointed at
 /// the private sandbox when we have none of our own (programs that write

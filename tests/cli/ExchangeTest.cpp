@@ -68,7 +68,7 @@ TEST_F(ExchangeTest, ConvertRunsGpsbabel) {
       run("convert " + word(bad) + " " + word(scratch.file("out.gpx")) + " --format gtrnctr");
   EXPECT_EQ(failed.status, 1);
   EXPECT_THAT(failed.err,
-              StartsWith("wayfolio: error: gpsbabel could not convert " + bad + " (status 1)"));
+              StartsWith("wayfolio: error: gpsbabel could not read " + bad + " as gtrnctr (status 1): "));
   EXPECT_EQ(std::count(failed.err.begin(), failed.err.end(), '\n'), 1);  // one message
 }
 

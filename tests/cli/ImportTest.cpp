@@ -57,7 +57,7 @@ TEST_F(ImportTest, ABrokenFileIsReportedWhileTheOthersImport) {
   EXPECT_THAT(result.out, HasSubstr("Imported 2 files: 2 tracks added, 0 duplicates refused, "
                                     "0 waypoints filed, 2 files failed\n"));
   EXPECT_THAT(lineWith(result.out, "failed: " + broken),
-              HasSubstr("not a readable GPX file: Error 76"));
+              HasSubstr("not a readable GPX file: line 4, column 7: Opening and ending tag mismatch"));
   EXPECT_THAT(lineWith(result.out, "failed: " + scratch.file("missing.gpx")),
               HasSubstr("No such file or directory"));
   EXPECT_EQ(result.err, "wayfolio: error: 2 of 4 files could not be imported\n");
@@ -73,7 +73,7 @@ TEST_F(ImportTest, AFileGpsbabelCannotReadFailsWithItsComplaint) {
   const WayfolioRun result = run("import " + word(bad));
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(lineWith(result.out, "failed: " + bad),
-              HasSubstr("gpsbabel could not read it as gtrnctr (status 1)"));
+              HasSubstr("gpsbabel could not read " + bad + " as gtrnctr (status 1): XML Reader"));
 }
 
 TEST_F(ImportTest, HostileFileNamesImportAndNothingIsExecuted) {

@@ -352,8 +352,8 @@ class GPSBabelFileTest : public GPSBabelTest {
 };
 
 TEST_F(GPSBabelFileTest, KmlRoundTrip) {
-  ASSERT_EQ(babel_.convertGPX(name(".gpx"), name(".kml")), 0);
-  ASSERT_EQ(babel_.convertKML(name(".kml"), name("back.gpx")), 0);
+  ASSERT_TRUE(babel_.convertGPX(name(".gpx"), name(".kml")));
+  ASSERT_TRUE(babel_.convertKML(name(".kml"), name("back.gpx")));
   const TrackPtr track = readGpx(name("back.gpx"));
   EXPECT_EQ(track->trackPoints().size(), 3u);
   EXPECT_EQ(waypointNames(track), (std::vector<std::string>{"Alpha", "Beta"}));
@@ -364,7 +364,7 @@ TEST_F(GPSBabelFileTest, KmlRoundTrip) {
 TEST_F(GPSBabelFileTest, ForeignWaypointFormatsBecomeGpx) {
   struct Case {
     const char* gpsbabelFormat;
-    std::function<int32_t(const std::string&, const std::string&)> convert;
+    std::function<Status(const std::string&, const std::string&)> convert;
   };
   const std::vector<Case> cases{
       {"geo", [&](auto& in, auto& out) { return babel_.convertLOC(in, out); }},
@@ -377,7 +377,7 @@ TEST_F(GPSBabelFileTest, ForeignWaypointFormatsBecomeGpx) {
                                           FileHandling::filenameForShell(sample_), c.gpsbabelFormat,
                                           FileHandling::filenameForShell(foreign))),
               0);
-    ASSERT_EQ(c.convert(foreign, name(".out.gpx")), 0) << c.gpsbabelFormat;
+    ASSERT_TRUE(c.convert(foreign, name(".out.gpx"))) << c.gpsbabelFormat;
     const TrackPtr places = readGpx(name(".out.gpx"));
     ASSERT_EQ(places->trackPoints().size(), 2u) << c.gpsbabelFormat;
     EXPECT_NEAR(places->trackPoints()[1]->latitude(), 48.02, 1e-4) << c.gpsbabelFormat;
@@ -420,7 +420,7 @@ TEST_F(GPSBabelFileTest, WaypointsBecomeATrackAndTracksGetThinner) {
         fmt::format(R"(<trkpt lat="{}" lon="{}"/>)", 48.0 + i * 0.001, 11.0 + (i % 7) * 0.001);
   }
   scratch_.write(name(".long.gpx"), long_track + "</trkseg></trk></gpx>");
-  ASSERT_EQ(babel_.simplifyFile(name(".long.gpx"), name(".short.gpx"), 5), 0);
+  ASSERT_TRUE(babel_.simplifyFile(name(".long.gpx"), name(".short.gpx"), 5));
   EXPECT_EQ(readGpx(name(".short.gpx"))->trackPoints().size(), 5u);
   EXPECT_TRUE(log_.contains("simplifyFile: exit with error code 0"));
   EXPECT_FALSE(injected());

@@ -90,10 +90,9 @@ TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
       <url>https://www.geocaching.com/geocache/GC1AAAA</url></wpt>
     <wpt lat="47.2" lon="8.2"><name>GC1BBBB</name>
       <url>https://www.geocaching.com/geocache/GC1BBBB</url></wpt></gpx>)");
-  TrackLibraryGPX::resetGeocacheCount();
   library->importGPX(caches, configuration);
   EXPECT_TRUE(library->tracks().empty());
-  EXPECT_EQ(TrackLibraryGPX::geocacheCount(), 2);
+  EXPECT_EQ(configuration.filedGeocacheCounter(), 2);
   const auto& collection = library->geocacheTrack()->trackPoints();
   ASSERT_EQ(collection.size(), 2u);
   ASSERT_TRUE(collection[0]->geocache());
@@ -107,13 +106,14 @@ TEST_F(LibraryImport, DeviceImportsDropTinyTracks) {
   const std::string file = folder.write("device.gpx", R"(<?xml version="1.0"?><gpx>
     <trk><trkseg><trkpt lat="1" lon="1"/></trkseg></trk>
     <trk><trkseg><trkpt lat="1" lon="1"/><trkpt lat="2" lon="2"/></trkseg></trk></gpx>)");
-  GpxImportConfiguration configuration;
-  TrackLibraryGPX::setNextImportIsExternal();
+  GpxImportConfiguration fromDevice;
+  fromDevice.setIsExternal(true);
   TrackLibraryGPX importer;
-  EXPECT_EQ(importer.importFrom(file, configuration), 1);
+  EXPECT_EQ(importer.importFrom(file, fromDevice).trackCount, 1);
   ASSERT_EQ(library->tracks().size(), 1u);
   EXPECT_TRUE(library->tracks()[0]->newlyImported());
-  importer.importFrom(file, configuration);  // the flag holds for one import only
+  GpxImportConfiguration fromFile;
+  EXPECT_EQ(importer.importFrom(file, fromFile).trackCount, 2);
   EXPECT_EQ(library->tracks().size(), 3u);
 }
 

@@ -184,8 +184,8 @@ Outcome runDownload(const DeviceOptions& options) {
   configuration.setTrackIdPrefix(kTrackIdPrefix);
   configuration.setSetTimeZone(true);
   std::fprintf(stderr, "Importing the download ...\n");
-  TrackLibraryGPX::setNextImportIsExternal();
-  const bool imported = target->importGPX(gpx, configuration);
+  configuration.setIsExternal(true);
+  const Status imported = target->importGPX(gpx, configuration);
   fs::remove(gpx, ignored);
   if (!imported) {
     // Whatever the broken file yielded goes again: all or nothing.
@@ -193,7 +193,8 @@ Outcome runDownload(const DeviceOptions& options) {
       if (auto folder = folderOf(*track)) folder->deleteTrack(track);
     }
     return Outcome{.changed = created,
-                   .failure = fmt::format("the download from {} was not readable", options.device)};
+                   .failure = fmt::format("the download from {} was not readable: {}", options.device,
+                                          imported.reason())};
   }
   const auto& tracks = configuration.importedTracks();
   std::string report =

@@ -5,7 +5,6 @@
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/library/TrackLibrary.h"
-#include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/DamagedTracks.h"
 #include "tools/wayfolio/ExportProblems.h"
@@ -73,19 +72,11 @@ Outcome exportItem(const ExportOptions& options) {
 }
 struct ConvertOptions {
   std::string input, output, format;
-  bool verbose = false;
 };
 
 Outcome convert(const ConvertOptions& options) {
-  CapturedStandardError complaint(!options.verbose);
-  const int status = GPSBabel::singleton().convert(options.input, options.output, options.format);
-  const std::string message = complaint.firstLine();
-  if (status != 0) {
-    std::string text =
-        fmt::format("gpsbabel could not convert {} (status {})", options.input, status);
-    if (!message.empty()) text += ": " + message;
-    throw CommandError(text);
-  }
+  const Status converted = GPSBabel::singleton().convert(options.input, options.output, options.format);
+  if (!converted) throw CommandError(converted.reason());
   return {};
 }
 
@@ -117,7 +108,6 @@ void addExportCommands(CLI::App& app, Invocation& invocation) {
   convertCommand->callback([&invocation, converting] {
     invocation.usesLibrary = false;
     invocation.action = [&invocation, converting] {
-      converting->verbose = invocation.verbose;
       return convert(*converting);
     };
   });

@@ -1,17 +1,14 @@
 // wayfolio import: files and folders into a folder of the library.
-#include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/library/GpxImportConfiguration.h"
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackLibraryGPX.h"
 #include "kvtrack/photos/ExifTool.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
-#include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/ImportFormats.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/LibrarySession.h"
-#include "tools/wayfolio/LogReasons.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -89,36 +86,6 @@ class Progress {
   bool shown_;
 };
 
-// The reason a GPX file did not read, from the parser's log line.
-std::string gpxFailure(const LogCapture& capture) {
-  const std::string line = relevantLogLine(capture, {"Description:"});
-  return line.empty() ? "not a readable GPX file" : "not a readable GPX file: " + line;
-}
-
-// gpsbabel converts into a private file that is checked before reading:
-// folder->importFrom would read its shared intermediate file even when
-// gpsbabel failed, so a broken file would bring back the previous file's data.
-std::optional<std::string> importConverted(TrackLibraryFolder& folder, const std::string& path,
-                                           const std::string& format,
-                                           GpxImportConfiguration& configuration, bool verbose) {
-  const std::string sandbox = FileHandling::singleton().sandbox();
-  if (sandbox.empty()) return "no private folder for the gpsbabel conversion";
-  const std::string converted = sandbox + "/converted.gpx";
-  std::error_code ignored;
-  fs::remove(converted, ignored);
-  CapturedStandardError complaint(!verbose);
-  const int status = GPSBabel::singleton().convert(path, converted, format);
-  const std::string message = complaint.firstLine();
-  if (status != 0) {
-    std::string reason = fmt::format("gpsbabel could not read it as {} (status {})", format, status);
-    if (!message.empty()) reason += ": " + message;
-    return reason;
-  }
-  LogCapture capture;
-  if (!folder.importGPX(converted, configuration)) return gpxFailure(capture);
-  return std::nullopt;
-}
-
 // Imports one file; the reason when it failed.
 std::optional<std::string> importFile(TrackLibraryFolder& folder, const std::string& path,
                                       const ImportOptions& options,
@@ -127,9 +94,13 @@ std::optional<std::string> importFile(TrackLibraryFolder& folder, const std::str
   std::error_code error;
   if (!fs::is_regular_file(path, error)) return std::string("not a regular file");
   const std::string format = options.format.empty() ? gpsbabelFormatForFile(path) : options.format;
-  if (!format.empty()) return importConverted(folder, path, format, configuration, options.verbose);
-  LogCapture capture;
-  if (!folder.importGPX(path, configuration)) return gpxFailure(capture);
+  if (!format.empty()) {
+    const Status read = folder.importFrom(path, format, &configuration);
+    if (!read) return read.reason();
+    return std::nullopt;
+  }
+  const Status read = folder.importGPX(path, configuration);
+  if (!read) return "not a readable GPX file: " + read.reason();
   return std::nullopt;
 }
 
@@ -153,7 +124,7 @@ Outcome runImport(const ImportOptions& options) {
       const size_t tracksBefore = configuration.importedTracks().size();
       const int64_t duplicatesBefore = configuration.identicalTrackCounter();
       const size_t pointsBefore = configuration.importedPOIs().size();
-      const int32_t geocachesBefore = TrackLibraryGPX::geocacheCount();
+      const int64_t geocachesBefore = configuration.filedGeocacheCounter();
       const int64_t invalidBefore = configuration.invalidPositionCounter();
 
       if (auto reason = importFile(*target, files[i], options, configuration)) {
@@ -173,7 +144,7 @@ Outcome runImport(const ImportOptions& options) {
       added += configuration.importedTracks().size() - tracksBefore;
       duplicates += static_cast<size_t>(configuration.identicalTrackCounter() - duplicatesBefore);
       filed += configuration.importedPOIs().size() - pointsBefore +
-               static_cast<size_t>(TrackLibraryGPX::geocacheCount() - geocachesBefore);
+               static_cast<size_t>(configuration.filedGeocacheCounter() - geocachesBefore);
     }
   }
 

@@ -12,6 +12,8 @@
 
 #include "kvtrack/devices/GpsDriver.h"
 
+#include "kvtrack/support/Status.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -101,15 +103,16 @@ class GPSBabel {
   /// goes to errorString.
   int32_t convertToTrackFromFile(const std::string& inputFile, const std::string& outputFile,
                                  std::string* errorString);
-  int32_t convertGPX(const std::string& gpxFile, const std::string& kmlFile);
-  int32_t convertKML(const std::string& kmlFile, const std::string& gpxFile);
-  int32_t convertLOC(const std::string& locFile, const std::string& gpxFile);
-  int32_t convertGPI(const std::string& gpiFile, const std::string& gpxFile);
+  // Conversions fail with gpsbabel's exit status and its first complaint:
+  // "gpsbabel could not read a.kml as kml (status 1): <its message>".
+  Status convertGPX(const std::string& gpxFile, const std::string& kmlFile);
+  Status convertKML(const std::string& kmlFile, const std::string& gpxFile);
+  Status convertLOC(const std::string& locFile, const std::string& gpxFile);
+  Status convertGPI(const std::string& gpiFile, const std::string& gpxFile);
   /// Any gpsbabel input format to GPX.
-  int32_t convert(const std::string& inputFile, const std::string& gpxFile,
-                  const std::string& format);
+  Status convert(const std::string& inputFile, const std::string& gpxFile, const std::string& format);
   /// Drops duplicate places, then thins tracks to at most count points.
-  int32_t simplifyFile(const std::string& inputFile, const std::string& outputFile, uint32_t count);
+  Status simplifyFile(const std::string& inputFile, const std::string& outputFile, uint32_t count);
 
   // --- helpers -----------------------------------------------------------------
   /// Moves settings written for the old application layout to the current
@@ -140,7 +143,8 @@ class GPSBabel {
   int32_t eraseWithTemplate(const std::string& type, const std::string& gpxPath);
   int32_t eraseWithGpsbabel(const std::string& type, const std::string& gpxPath);
   /// Runs a conversion, logging "<prefix> <command>" and its exit status.
-  static int32_t runLogged(const std::string& prefix, const std::string& commandLine);
+  static Status runConversion(const std::string& prefix, const std::string& commandLine,
+                              const std::string& inputFile, const std::string& format);
   /// $TMPDIR from the environment; absent when unset or empty.
   static std::optional<std::string> temporaryFolder();
   using Replacements = std::vector<std::pair<std::string, std::string>>;

@@ -46,11 +46,20 @@ void appendLine(std::string* text, const std::string& line) {
 
 }  // namespace
 
-int32_t GPSBabel::runLogged(const std::string& prefix, const std::string& commandLine) {
+Status GPSBabel::runConversion(const std::string& prefix, const std::string& commandLine,
+                               const std::string& inputFile, const std::string& format) {
   logf("{} {}", prefix, commandLine);
-  const int status = runShellCommand(commandLine);
-  logf("{} exit with error code {}", prefix, status);
-  return status;
+  const ShellOutput result = runShellCommandReadingErrors(commandLine);
+  const std::vector<std::string> complaints = outputLines(result.errors, SIZE_MAX);
+  for (const std::string& line : complaints) logf("{} Result: {}", prefix, line);
+  logf("{} exit with error code {}", prefix, result.status);
+  if (result.status == 0) return {};
+  std::string reason =
+      fmt::format("gpsbabel could not read {} as {} (status {})", inputFile, format, result.status);
+  if (result.status == 127) reason += ": gpsbabel is not installed or not on the PATH";
+  // The first line names the problem; the rest is gpsbabel's usage help.
+  else if (!complaints.empty()) reason += ": " + complaints.front();
+  return Status::failure(reason);
 }
 
 int32_t GPSBabel::importTracksAndWaypointFromFile(const std::string& inputFile,
@@ -91,46 +100,52 @@ int32_t GPSBabel::convertToTrackFromFile(const std::string& inputFile,
   return result.status;
 }
 
-int32_t GPSBabel::convertGPX(const std::string& gpxFile, const std::string& kmlFile) {
-  return runLogged(
+Status GPSBabel::convertGPX(const std::string& gpxFile, const std::string& kmlFile) {
+  return runConversion(
       "convertGPX:toKML:",
       fmt::format("{} -t -w -i gpx -f {} -o kml,trackdata=0,points=0 -F {}",
-                  shellWord(gpsbabelExecutable()), shellWord(gpxFile), shellWord(kmlFile)));
+                  shellWord(gpsbabelExecutable()), shellWord(gpxFile), shellWord(kmlFile)),
+      gpxFile, "gpx");
 }
 
-int32_t GPSBabel::convertKML(const std::string& kmlFile, const std::string& gpxFile) {
-  return runLogged("convertKML:toGPX:", fmt::format("{} -t -w -i kml -f {} -o gpx -F {}",
-                                                    shellWord(gpsbabelExecutable()),
-                                                    shellWord(kmlFile), shellWord(gpxFile)));
+Status GPSBabel::convertKML(const std::string& kmlFile, const std::string& gpxFile) {
+  return runConversion("convertKML:toGPX:",
+                       fmt::format("{} -t -w -i kml -f {} -o gpx -F {}", shellWord(gpsbabelExecutable()),
+                                   shellWord(kmlFile), shellWord(gpxFile)),
+                       kmlFile, "kml");
 }
 
-int32_t GPSBabel::convertLOC(const std::string& locFile, const std::string& gpxFile) {
-  return runLogged("convertLOC:toGPX:", fmt::format("{} -t -w -i geo -f {} -o gpx -F {}",
-                                                    shellWord(gpsbabelExecutable()),
-                                                    shellWord(locFile), shellWord(gpxFile)));
+Status GPSBabel::convertLOC(const std::string& locFile, const std::string& gpxFile) {
+  return runConversion("convertLOC:toGPX:",
+                       fmt::format("{} -t -w -i geo -f {} -o gpx -F {}", shellWord(gpsbabelExecutable()),
+                                   shellWord(locFile), shellWord(gpxFile)),
+                       locFile, "geo");
 }
 
-int32_t GPSBabel::convertGPI(const std::string& gpiFile, const std::string& gpxFile) {
-  return runLogged("convertGPI:toGPX:", fmt::format("{} -w -i garmin_gpi -f {} -o gpx -F {}",
-                                                    shellWord(gpsbabelExecutable()),
-                                                    shellWord(gpiFile), shellWord(gpxFile)));
+Status GPSBabel::convertGPI(const std::string& gpiFile, const std::string& gpxFile) {
+  return runConversion("convertGPI:toGPX:",
+                       fmt::format("{} -w -i garmin_gpi -f {} -o gpx -F {}", shellWord(gpsbabelExecutable()),
+                                   shellWord(gpiFile), shellWord(gpxFile)),
+                       gpiFile, "garmin_gpi");
 }
 
-int32_t GPSBabel::convert(const std::string& inputFile, const std::string& gpxFile,
-                          const std::string& format) {
+Status GPSBabel::convert(const std::string& inputFile, const std::string& gpxFile,
+                         const std::string& format) {
   // The format comes from the user, so it is one quoted word like the paths.
-  return runLogged("convert:toGPX:",
-                   fmt::format("{} -w -i {} -f {} -o gpx -F {}", shellWord(gpsbabelExecutable()),
-                               shellWord(format), shellWord(inputFile), shellWord(gpxFile)));
+  return runConversion("convert:toGPX:",
+                       fmt::format("{} -w -i {} -f {} -o gpx -F {}", shellWord(gpsbabelExecutable()),
+                                   shellWord(format), shellWord(inputFile), shellWord(gpxFile)),
+                       inputFile, format);
 }
 
-int32_t GPSBabel::simplifyFile(const std::string& inputFile, const std::string& outputFile,
-                               uint32_t count) {
-  return runLogged(
+Status GPSBabel::simplifyFile(const std::string& inputFile, const std::string& outputFile,
+                              uint32_t count) {
+  return runConversion(
       "simplifyFile:",
       fmt::format("{} -r -i gpx -f {} -x duplicate,location -x simplify,count={} -o gpx -F {}",
                   shellWord(gpsbabelExecutable()), shellWord(inputFile), count,
-                  shellWord(outputFile)));
+                  shellWord(outputFile)),
+      inputFile, "gpx");
 }
 
 std::string GPSBabel::getRealtimeTrackingString() const {

@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <atomic>
 #include <type_traits>
 #include <charconv>
 #include <cmath>
@@ -25,10 +24,6 @@ using xml::XmlElement;
 using xml::XmlNamespace;
 
 namespace {
-
-// The track points of a segment go into the document as pre-formatted
-// markup; tests switch it off to compare with the element-by-element path.
-std::atomic<bool> preformattedTrackPoints{true};
 
 // decimalText in a stack buffer: a million points make several million
 // numbers, and most coordinates are too long for the small-string buffer.
@@ -280,7 +275,7 @@ void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& confi
 void writeSegments(XmlElement track, const std::vector<TrackPointPtr>& points,
                    GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
   XmlElement segment = track.addChild("trkseg");
-  const bool preformatted = preformattedTrackPoints.load(std::memory_order_relaxed);
+  const bool preformatted = configuration.preformattedTrackPoints();
   const int pointDepth = segment.depth() + 1;
   MarkupTree markup;
   std::string text;
@@ -316,8 +311,6 @@ void writeSegments(XmlElement track, const std::vector<TrackPointPtr>& points,
 }
 
 }  // namespace
-
-void setPreformattedTrackPoints(bool enabled) { preformattedTrackPoints = enabled; }
 
 
 XmlNamespace setUpRoot(XmlElement root, bool useGPX10) {

@@ -20,10 +20,6 @@ void createGPXForParent(xml::XmlElement parent, Track& track, bool waypointsOnly
 /// waypoint pass, or a point the filter rejects).
 void createGPXForParent(xml::XmlElement parent, TrackPoint& point, bool waypointsOnly,
                         GpxExportConfiguration& configuration, xml::XmlNamespace wayfolio);
-/// Track points are normally added to their segment as pre-formatted
-/// markup, byte for byte what element-by-element building gives; false
-/// builds every element (tests compare the two).
-void setPreformattedTrackPoints(bool enabled);
 
 /// One "wayfolio:photo".
 void createGPXForParent(xml::XmlElement parent, TrackPhoto& photo,

@@ -58,11 +58,7 @@ void mergeWayPoints(Track& track, const std::vector<TrackPointPtr>& wayPoints) {
     return;
   }
   for (const auto& wayPoint : wayPoints) {
-    TrackPointPtr match;
-    if (wayPoint->latitude() != 0.0 && wayPoint->longitude() != 0.0) {
-      match = track.findTrackPointForCoords(*wayPoint);
-    }
-    if (!match) match = track.findTrackPointWithDate(wayPoint->time());
+    const TrackPointPtr match = track.findTrackPointForWayPoint(*wayPoint);
     if (!match) continue;
     match->setIsWayPoint(true);
     match->copyWaypointAttributesFrom(*wayPoint);
