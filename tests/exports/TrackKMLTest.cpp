@@ -1,5 +1,6 @@
 // KML and KMZ as Google Earth's neighbours read them: GDAL, gpsbabel, unzip,
 // libvips' own header reader and exiftool, on files made by the tests.
+#include "kvtrack/exports/LibraryKML.h"
 #include "kvtrack/exports/TrackKML.h"
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/PhotoHooks.h"
@@ -194,6 +195,26 @@ TEST_F(TrackKMLTest, UnwritableTargetFailsAndKeepsNothingHalfDone) {
   EXPECT_FALSE(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kmz"), true));
   EXPECT_FALSE(std::filesystem::exists(scratch.file("no")));
   EXPECT_FALSE(log.lines().empty());
+}
+
+TEST_F(TrackKMLTest, TheFirstSelectedTrackOfAFolderTreeIsExported) {
+  auto folder = TrackLibraryFolder::trackLibraryFolder("Trips");
+  auto other = Track::trackWithName("Other");
+  other->setIsLoaded(true);
+  folder->addTrack(other);
+  EXPECT_EQ(exportSelectedKML(*folder, scratch.file("none.kml")).reason(), "no track is selected");
+  EXPECT_FALSE(std::filesystem::exists(scratch.file("none.kml")));
+
+  auto inner = TrackLibraryFolder::trackLibraryFolder("Alps");
+  folder->addFolder(inner);
+  auto chosen = sampleTrack();
+  inner->addTrack(chosen);
+  chosen->setIsSelected(true);
+  ASSERT_TRUE(exportSelectedKML(*folder, scratch.file("chosen.kml")));
+  EXPECT_THAT(ScratchFolder::read(scratch.file("chosen.kml")), HasSubstr("Ridge &amp; &lt;Valley&gt;"));
+  ASSERT_TRUE(exportSelectedKMZ(*folder, scratch.file("chosen.kmz")));
+  EXPECT_THAT(output("unzip -l " + FileHandling::filenameForShell(scratch.file("chosen.kmz"))),
+              HasSubstr("chosen.kml"));
 }
 
 }  // namespace
