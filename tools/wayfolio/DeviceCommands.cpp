@@ -4,6 +4,7 @@
 #include "kvtrack/devices/bg728/BG728.h"
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/devices/gt800/IGotUGT800.h"
+#include "kvtrack/devices/igotu/IGotU.h"
 #include "kvtrack/devices/serial/DownloadCancel.h"
 #include "kvtrack/devices/serial/ZtSerialPortList.h"
 #include "kvtrack/library/GpxImportConfiguration.h"
@@ -95,6 +96,47 @@ class InterruptGuard {
   std::atomic<bool> interrupted_{false};
 };
 
+// The i-gotU is found on the USB bus; every other logger needs --device.
+constexpr const char* kIGotUType = "*i-gotU";
+constexpr const char* kIGotUAccessHint =
+    "no permission: install the udev rule scripts/60-igotu.rules into /etc/udev/rules.d/ and plug "
+    "the logger in again, or add yourself to the plugdev group";
+
+bool isIGotU(const DeviceOptions& options) { return options.type == kIGotUType; }
+
+// What messages call the logger.
+std::string deviceLabel(const DeviceOptions& options) {
+  if (!options.device.empty()) return options.device;
+  if (isIGotU(options)) return "the i-gotU";
+  throw CommandError(fmt::format("--device is required for logger type {}", options.type));
+}
+
+// Why the i-gotU could not be read: a logger present without permission
+// names the udev rule, anything else keeps the driver's reason.
+std::string iGotUFailure(const Status& status) {
+  const auto loggers = IGotU::connectedLoggers();
+  if (loggers) {
+    for (const UsbDevicePresence& logger : *loggers) {
+      if (logger.accessDenied) return fmt::format("the i-gotU cannot be opened ({})", kIGotUAccessHint);
+    }
+  }
+  return fmt::format("the download from the i-gotU failed: {}", status.reason());
+}
+
+void printUsbLoggers() {
+  const auto loggers = IGotU::connectedLoggers();
+  if (!loggers) {
+    fmt::print("i-gotU loggers on USB cannot be looked for: {}\n", loggers.reason());
+    return;
+  }
+  for (const UsbDevicePresence& logger : *loggers) {
+    std::string line = fmt::format("i-gotU on USB bus {:03} device {:03}", logger.bus, logger.address);
+    if (logger.accessDenied) line += fmt::format(" ({})", kIGotUAccessHint);
+    else if (!logger.access) line += fmt::format(" (cannot be opened: {})", logger.access.reason());
+    fmt::print("{}\n", line);
+  }
+}
+
 // The bridge names devices relative to the device folder; a path elsewhere
 // moves the folder for this run so that any node (or file) can be used.
 void chooseDevice(const DeviceOptions& options) {
@@ -121,18 +163,17 @@ void chooseDevice(const DeviceOptions& options) {
 
 Outcome runDevices() {
   const auto paths = ZtSerialPortList::enumeratePortPaths();
-  if (paths.empty()) {
-    fmt::print("No serial ports in {}\n", FileHandling::singleton().deviceFolder());
-    return {};
-  }
+  if (paths.empty()) fmt::print("No serial ports in {}\n", FileHandling::singleton().deviceFolder());
   for (const auto& path : paths) {
     if (::access(path.c_str(), R_OK | W_OK) == 0) fmt::print("{}\n", path);
     else fmt::print("{} (no permission: add yourself to the dialout group)\n", path);
   }
+  printUsbLoggers();
   return {};
 }
 
 Outcome runDownload(const DeviceOptions& options) {
+  const std::string label = deviceLabel(options);
   chooseDevice(options);
   const std::string sandbox = FileHandling::singleton().sandbox();
   if (sandbox.empty()) throw CommandError("no private folder for the download");
@@ -140,7 +181,7 @@ Outcome runDownload(const DeviceOptions& options) {
   std::error_code ignored;
   fs::remove(gpx, ignored);
 
-  std::fprintf(stderr, "Downloading from %s (%s) ...\n", options.device.c_str(), options.type.c_str());
+  std::fprintf(stderr, "Downloading from %s (%s) ...\n", label.c_str(), options.type.c_str());
   std::fflush(stderr);
   int status = 0;
   bool interrupted = false;
@@ -168,11 +209,17 @@ Outcome runDownload(const DeviceOptions& options) {
   }
   if (interrupted) {
     fs::remove(gpx, ignored);
-    return Outcome{.failure = fmt::format("the download from {} was cancelled", options.device)};
+    return Outcome{.failure = fmt::format("the download from {} was cancelled", label)};
+  }
+  // A logger that could not be opened still yields one empty track.
+  if (const auto iGotU = std::dynamic_pointer_cast<IGotU>(driver);
+      iGotU && !iGotU->lastDownloadStatus()) {
+    fs::remove(gpx, ignored);
+    return Outcome{.failure = iGotUFailure(iGotU->lastDownloadStatus())};
   }
   if (status != 0) {
     fs::remove(gpx, ignored);
-    std::string message = fmt::format("the download from {} failed (status {})", options.device, status);
+    std::string message = fmt::format("the download from {} failed (status {})", label, status);
     if (!complaint.empty()) message += ": " + complaint;
     return Outcome{.failure = message};
   }
@@ -193,13 +240,13 @@ Outcome runDownload(const DeviceOptions& options) {
       if (auto folder = folderOf(*track)) folder->deleteTrack(track);
     }
     return Outcome{.changed = created,
-                   .failure = fmt::format("the download from {} was not readable: {}", options.device,
+                   .failure = fmt::format("the download from {} was not readable: {}", label,
                                           imported.reason())};
   }
   const auto& tracks = configuration.importedTracks();
   std::string report =
       fmt::format("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
-                  options.device, tracks.size(), configuration.identicalTrackCounter(),
+                  label, tracks.size(), configuration.identicalTrackCounter(),
                   configuration.importedPOIs().size());
   const uint64_t skippedByDriver = driver ? driver->invalidPositionCount() : 0;
   if (const uint64_t invalid =
@@ -221,7 +268,12 @@ bool confirmed(const std::string& question) {
 }
 
 Outcome runErase(const DeviceOptions& options) {
-  if (!options.yes && !confirmed(fmt::format("Erase all tracks on {}?", options.device))) {
+  if (isIGotU(options)) {
+    fmt::print("Nothing erased: wayfolio does not erase i-gotU loggers\n");
+    return {};
+  }
+  const std::string label = deviceLabel(options);
+  if (!options.yes && !confirmed(fmt::format("Erase all tracks on {}?", label))) {
     fmt::print("Nothing erased\n");
     return {};
   }
@@ -237,20 +289,20 @@ Outcome runErase(const DeviceOptions& options) {
     complaint = captured.firstLine();
   }
   if (status != 0) {
-    std::string message = fmt::format("the erase of {} failed (status {})", options.device, status);
+    std::string message = fmt::format("the erase of {} failed (status {})", label, status);
     if (!complaint.empty()) message += ": " + complaint;
     return Outcome{.failure = message};
   }
-  fmt::print("Erased the tracks on {}\n", options.device);
+  fmt::print("Erased the tracks on {}\n", label);
   return {};
 }
 
 void addDeviceOptions(CLI::App* command, DeviceOptions& options) {
   command->add_option("--type", options.type,
-                      "Logger type: *BG728, *i-gotUGT800, or a gpsbabel format (e.g. nmea, mtk)")
+                      "Logger type: *i-gotU, *BG728, *i-gotUGT800, or a gpsbabel format (e.g. nmea, mtk)")
       ->required();
-  command->add_option("--device", options.device, "Serial port, e.g. ttyUSB0 or /dev/ttyUSB0")
-      ->required();
+  command->add_option("--device", options.device,
+                      "Serial port, e.g. ttyUSB0 or /dev/ttyUSB0 (not for *i-gotU, found on USB)");
 }
 
 }  // namespace

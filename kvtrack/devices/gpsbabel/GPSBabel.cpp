@@ -4,6 +4,7 @@
 
 #include "kvtrack/devices/bg728/BG728.h"
 #include "kvtrack/devices/gt800/IGotUGT800.h"
+#include "kvtrack/devices/igotu/IGotU.h"
 
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
@@ -37,6 +38,7 @@ GPSBabel& GPSBabel::singleton() {
       created->additionalCommandlineOptions_ = std::move(value);
     }
     // The built-in logger drivers, filed under their names.
+    created->registerDriver(std::make_shared<IGotU>());
     created->registerDriver(std::make_shared<IGotUGT800>());
     created->registerDriver(std::make_shared<BG728>());
     return created;
