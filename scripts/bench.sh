@@ -13,3 +13,6 @@ build/default/bench/point_memory
 echo
 echo "== updateAll against a bare great-circle loop"
 build/default/bench/model_bench --benchmark_color=false
+echo
+echo "== place lookups against the loopback emulator, and cache hits"
+build/default/bench/places_bench --benchmark_color=false

@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libspdlog-dev libcli11-dev libtomlplusplus-dev
   libicu-dev uuid-dev libxml2-dev libxml2-utils libpcre2-dev zlib1g-dev
+  libcurl4-openssl-dev
   time
   gpsbabel
   libimage-exiftool-perl libvips-tools libvips-dev

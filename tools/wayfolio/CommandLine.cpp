@@ -8,6 +8,7 @@
 #include "tools/wayfolio/DeviceCommands.h"
 #include "tools/wayfolio/LibrarySession.h"
 #include "tools/wayfolio/PhotoCommands.h"
+#include "tools/wayfolio/PlaceCommands.h"
 #include "tools/wayfolio/SyncCommand.h"
 
 #include <fmt/format.h>
@@ -106,6 +107,7 @@ int runCommandLine(int argc, char** argv) {
   addSyncCommand(app, invocation);
   addCheckCommand(app, invocation);
   addPhotoCommands(app, invocation);
+  addPlaceCommands(app, invocation);
   addDeviceCommands(app, invocation);
 
   try {

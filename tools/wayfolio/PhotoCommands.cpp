@@ -255,6 +255,7 @@ Outcome runGeotag(const GeotagOptions& options) {
   Scratch scratch;
   std::optional<PhotoWriting> writing;
   if (choice.any()) writing.emplace(choice, options.dryRun);
+  if (choice.places) writing->fillPlacesFrom(std::make_shared<PhotoPlaces>());
   const Matching matching =
       match(*library, target, options, files, scratch, writing ? &*writing : nullptr);
   std::string report = summary(matching, files, scratch);

@@ -4,12 +4,14 @@
 
 #include "kvtrack/model/TrackPhoto.h"
 #include "kvtrack/photos/ExifWriter.h"
+#include "tools/wayfolio/PhotoPlaces.h"
 
 #include <fmt/format.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -57,7 +59,15 @@ class PhotoWriting {
   PhotoWriting(const PhotoWriting&) = delete;
   PhotoWriting& operator=(const PhotoWriting&) = delete;
 
+  /// Photos without place names get them from the place cache.
+  void fillPlacesFrom(std::shared_ptr<PhotoPlaces> places) { places_ = std::move(places); }
+
   void add(std::vector<Attached> photos) {
+    if (places_) {
+      for (const auto& attached : photos) {
+        places_->request(*attached.photo, attached.latitude, attached.longitude);
+      }
+    }
     if (!worker_.joinable()) {
       for (const auto& attached : photos) write(attached);
       return;
@@ -88,11 +98,13 @@ class PhotoWriting {
       fmt::print("Wrote {} photos\n", writer_.written());
     }
     for (const auto& path : failed_) fmt::print("  not written: {}\n", path);
+    if (places_) fmt::print("{}", places_->report());
     return failed_;
   }
 
  private:
   void write(const Attached& attached) {
+    if (places_) places_->fill(*attached.photo, attached.latitude, attached.longitude);
     const size_t failedBefore = writer_.failed();
     writer_.updateExifForGPSLocation(*attached.photo, choice_.gps, choice_.places,
                                      choice_.keywords, choice_.times, attached.latitude,
@@ -126,6 +138,7 @@ class PhotoWriting {
   }
 
   const WriteChoice choice_;
+  std::shared_ptr<PhotoPlaces> places_;
   kvtrack::ExifWriter writer_;  // used by the worker only, until it is joined
   std::vector<std::string> failed_;
   std::mutex mutex_;
