@@ -75,7 +75,10 @@ int open(const std::string& folder) {
   const auto started = std::chrono::steady_clock::now();
   FileHandling fileHandling;
   auto library = openOn(fileHandling, folder);
-  library->syncFromDisk();
+  if (const Status opened = library->syncFromDisk(); !opened) {
+    std::fprintf(stderr, "cannot open %s: %s\n", folder.c_str(), opened.reason().c_str());
+    return 1;
+  }
   // Listing as `wayfolio ls` does: one line per track from the index figures.
   size_t lines = 0, characters = 0;
   for (const auto& track : library->allTracks()) {
@@ -103,8 +106,15 @@ int import(const std::string& folder, int argc, char** argv) {
   GpxImportConfiguration configuration;
   configuration.setTrackIdPrefix("bench");
   const auto started = std::chrono::steady_clock::now();
-  for (int i = 0; i < argc; ++i) library->importGPX(argv[i], configuration);
-  library->syncToDisk();
+  for (int i = 0; i < argc; ++i) {
+    if (const Status imported = library->importGPX(argv[i], configuration); !imported) {
+      std::fprintf(stderr, "%s: %s\n", argv[i], imported.reason().c_str());
+    }
+  }
+  if (const Status saved = library->syncToDisk(); !saved) {
+    std::fprintf(stderr, "cannot save: %s\n", saved.reason().c_str());
+    return 1;
+  }
   const double seconds = secondsSince(started);
   std::printf("imported %zu tracks from %d files in %.3f s: %.0f tracks/s\n",
               configuration.importedTracks().size(), argc, seconds,

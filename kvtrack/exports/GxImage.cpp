@@ -41,15 +41,19 @@ struct ImageUnref {
 };
 using ImageHandle = std::unique_ptr<VipsImage, ImageUnref>;
 
+Status logged(std::string reason) {
+  logf("GxImage: {}", reason);
+  return Status::failure(std::move(reason));
+}
+
 }  // namespace
 
-std::optional<GxImage> GxImage::imageWithPath(const std::string& path) {
-  if (!startVips()) return std::nullopt;
+Result<GxImage> GxImage::imageWithPath(const std::string& path) {
+  if (!startVips()) return Status::failure("cannot open image " + path + ": libvips could not start");
   // Opening reads the header only; pixels are decoded when a copy is made.
   ImageHandle image(vips_image_new_from_file(path.c_str(), nullptr));
   if (!image) {
-    logf("GxImage: cannot open image {}: {}", path, takeVipsError());
-    return std::nullopt;
+    return logged(fmt::format("cannot open image {}: {}", path, takeVipsError()));
   }
   const int width = vips_image_get_width(image.get());
   const int height = vips_image_get_height(image.get());
@@ -57,25 +61,24 @@ std::optional<GxImage> GxImage::imageWithPath(const std::string& path) {
   return GxImage(path, width, height, orientation);
 }
 
-bool GxImage::writeScaledJpeg(const std::string& target, int width, int height,
-                              float quality) const {
-  if (width <= 0 || height <= 0 || !startVips()) return false;
+Status GxImage::writeScaledJpeg(const std::string& target, int width, int height, float quality) const {
+  if (width <= 0 || height <= 0)
+    return Status::failure(fmt::format("cannot scale {} to {} x {}", path_, width, height));
+  if (!startVips()) return Status::failure("cannot scale " + path_ + ": libvips could not start");
   VipsImage* raw = nullptr;
   // The size is forced: width and height already keep the aspect ratio, up to
   // rounding. The pixels stay as stored; the orientation tag copied over with
   // the rest of the metadata turns them for display, as in the original.
-  if (vips_thumbnail(path_.c_str(), &raw, width, "height", height, "size", VIPS_SIZE_FORCE,
-                     "no_rotate", TRUE, "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
-    logf("GxImage: cannot decode {}: {}", path_, takeVipsError());
-    return false;
+  if (vips_thumbnail(path_.c_str(), &raw, width, "height", height, "size", VIPS_SIZE_FORCE, "no_rotate", TRUE,
+                     "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
+    return logged(fmt::format("cannot decode {}: {}", path_, takeVipsError()));
   }
   ImageHandle scaled(raw);
   const int q = std::clamp(static_cast<int>(std::lround(quality * 100.0f)), 1, 100);
   if (vips_jpegsave(scaled.get(), target.c_str(), "Q", q, "strip", TRUE, nullptr) != 0) {
-    logf("GxImage: cannot write {}: {}", target, takeVipsError());
-    return false;
+    return logged(fmt::format("cannot write {}: {}", target, takeVipsError()));
   }
-  return true;
+  return {};
 }
 
 }  // namespace kvtrack

@@ -4,6 +4,8 @@
 // JPEGs at a reduced size when asked for a much smaller copy, so a 4000 x 3000
 // photo never has to be held in memory at full size.
 
+#include "kvtrack/support/Status.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,9 +14,9 @@ namespace kvtrack {
 
 class GxImage {
  public:
-  /// Opens the image by reading its header only; absent (logged) when the
+  /// Opens the image by reading its header only; fails (logged) when the
   /// file is missing or not an image libvips understands.
-  static std::optional<GxImage> imageWithPath(const std::string& path);
+  static Result<GxImage> imageWithPath(const std::string& path);
 
   /// Stored pixel size, before any EXIF rotation.
   int width() const { return width_; }
@@ -24,9 +26,9 @@ class GxImage {
   int orientation() const { return orientation_; }
 
   /// Writes a JPEG of exactly width x height stored pixels (high-quality
-  /// Lanczos reduction), quality 0..1, without metadata. False, logged, when
+  /// Lanczos reduction), quality 0..1, without metadata. Fails, logged, when
   /// the image cannot be decoded or the file not written.
-  bool writeScaledJpeg(const std::string& target, int width, int height, float quality) const;
+  Status writeScaledJpeg(const std::string& target, int width, int height, float quality) const;
 
  private:
   GxImage(std::string path, int width, int height, int orientation)

@@ -10,10 +10,7 @@ Status exportSelected(const TrackLibraryFolder& library, const std::string& path
   const TrackPtr track = library.firstSelectedTrack();
   if (!track) return Status::failure("no track is selected");
   track->loadFromLibrary();
-  if (!TrackKML(track, TrackKMLConfiguration()).exportTo(path, createKMZ)) {
-    return Status::failure("cannot write " + path);
-  }
-  return {};
+  return TrackKML(track, TrackKMLConfiguration()).exportTo(path, createKMZ).status;
 }
 
 }  // namespace

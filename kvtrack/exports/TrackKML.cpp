@@ -44,17 +44,19 @@ void addStyles(xml::XmlElement& document) {
   hotSpot.setAttribute("yunits", "pixels");
 }
 
+Status logged(std::string reason) {
+  logf("TrackKML: {}", reason);
+  return Status::failure(std::move(reason));
+}
+
 // The scratch folder, emptied: every KMZ export shares it.
-bool prepareScratchFolder(const std::string& folder) {
+Status prepareScratchFolder(const std::string& folder) {
   std::error_code error;
   fs::remove_all(folder, error);
   fs::create_directories(fs::path(folder) / ".", error);
-  if (error) {
-    logf("TrackKML: cannot make the folder {}: {}", folder, error.message());
-    return false;
-  }
+  if (error) return logged(fmt::format("cannot make the folder {}: {}", folder, error.message()));
   fs::permissions(folder, fs::perms(0775), error);
-  return true;
+  return {};
 }
 
 // zip builds the archive as a private temporary file and renames it, which
@@ -69,7 +71,7 @@ void giveUsualPermissions(const std::string& path) {
   fs::permissions(path, static_cast<fs::perms>(0666 & ~mask), error);
 }
 
-bool packFolder(const std::string& folder, const std::string& target) {
+Status packFolder(const std::string& folder, const std::string& target) {
   // zip runs inside the folder, so a relative target must be made absolute.
   std::error_code error;
   const std::string absoluteTarget = fs::absolute(target, error).string();
@@ -79,11 +81,16 @@ bool packFolder(const std::string& folder, const std::string& target) {
                                          FileHandling::filenameForShell(folder),
                                          FileHandling::filenameForShell(tempPath),
                                          FileHandling::filenameForShell(absoluteTarget));
-  const int status = runShellCommand(script);
-  if (status != 0) logf("TrackKML: zip ended with status {} for {}", status, target);
-  if (!fs::exists(target, error)) return false;
+  const ShellOutput zip = runShellCommandReadingErrors(script);
+  Status packed;
+  if (zip.status != 0) {
+    const std::string complaint = zip.errors.substr(0, zip.errors.find('\n'));
+    packed = logged(fmt::format("zip ended with status {} for {}{}", zip.status, target,
+                                complaint.empty() ? "" : ": " + complaint));
+  }
+  if (!fs::exists(target, error)) return packed ? Status::failure("zip wrote no file " + target) : packed;
   giveUsualPermissions(target);
-  return true;
+  return {};
 }
 
 std::mutex& scratchFolderMutex() {
@@ -115,8 +122,12 @@ std::shared_ptr<TrackKML> TrackKML::trackKMLWithTrack(TrackPtr track,
   return std::make_shared<TrackKML>(std::move(track), configuration);
 }
 
-bool TrackKML::exportTo(const std::string& path, bool createKMZ) {
-  if (!track_) return false;
+ExportOutcome TrackKML::exportTo(const std::string& path, bool createKMZ) {
+  ExportOutcome outcome;
+  if (!track_) {
+    outcome.status = Status::failure("no track to export");
+    return outcome;
+  }
   std::error_code error;
   fs::remove(path, error);
 
@@ -125,7 +136,8 @@ bool TrackKML::exportTo(const std::string& path, bool createKMZ) {
   if (createKMZ) {
     scratchLock = std::unique_lock(scratchFolderMutex());
     kmlRoot = FileHandling::singleton().userApplicationSupport() + "/kml";
-    if (!prepareScratchFolder(kmlRoot)) return false;
+    outcome.status = prepareScratchFolder(kmlRoot);
+    if (!outcome.ok()) return outcome;
     kmlPath = (fs::path(kmlRoot) / fs::path(path).filename().replace_extension(".kml")).string();
     relativePath = "./";
   }
@@ -137,19 +149,21 @@ bool TrackKML::exportTo(const std::string& path, bool createKMZ) {
   addStyles(body);
   createKMLWaypointsForParent(*track_, body, configuration_);
   if (configuration_.includePhotos) {
-    createKMLTrackPhotosForParent(*track_, body, relativePath, kmlRoot, configuration_);
+    createKMLTrackPhotosForParent(*track_, body, relativePath, kmlRoot, configuration_, outcome.warnings);
   }
   createKMLTrackForParent(*track_, body, configuration_);
 
-  if (!document.save(kmlPath, "UTF-8")) {
-    logf("TrackKML: cannot write {}", kmlPath);
-    return false;
+  outcome.status = document.save(kmlPath, "UTF-8");
+  if (!outcome.ok()) {
+    logf("TrackKML: {}", outcome.reason());
+  } else if (createKMZ) {
+    outcome.status = packFolder(kmlRoot, path);
   }
-  return createKMZ ? packFolder(kmlRoot, path) : true;
+  return outcome;
 }
 
-bool exportKml(const TrackPtr& track, const std::string& path, bool withPhotos, bool createKMZ) {
-  if (!track) return false;
+ExportOutcome exportKml(const TrackPtr& track, const std::string& path, bool withPhotos, bool createKMZ) {
+  if (!track) return {Status::failure("no track to export"), {}};
   TrackKMLConfiguration configuration;
   configuration.includePhotos = withPhotos;
   configuration.maxWidth = 1024;

@@ -105,7 +105,7 @@ void createKMLTrackForParent(Track& track, xml::XmlElement& parent,
 
 void createKMLTrackPhotosForParent(Track& track, xml::XmlElement& parent,
                                    const std::string& relativePath, const std::string& kmlRoot,
-                                   const TrackKMLConfiguration& configuration) {
+                                   const TrackKMLConfiguration& configuration, ExportWarnings& warnings) {
   std::lock_guard<Track> lock(track);
   int n = 0;  // numbers the copies across the whole track
   for (const auto& point : track.trackPoints()) {
@@ -118,7 +118,7 @@ void createKMLTrackPhotosForParent(Track& track, xml::XmlElement& parent,
         const std::string lower = lowercased(TrackPhotos::filepath(*photo));
         if (!endsWith(lower, ".jpg") && !endsWith(lower, ".jpeg")) scaledFile += ".jpg";
         createKMLPlacemarkForParent(*photo, parent, relativeName, configuration.maxWidth,
-                                    configuration.maxHeight, scaledFile, configuration);
+                                    configuration.maxHeight, scaledFile, configuration, warnings);
         ++n;
       } else {
         const std::string path = TrackPhotos::filepath(*photo);
@@ -126,7 +126,7 @@ void createKMLTrackPhotosForParent(Track& track, xml::XmlElement& parent,
         std::error_code error;
         const std::string& filename = fs::exists(lower, error) ? lower : path;
         createKMLPlacemarkForParent(*photo, parent, filename, configuration.maxWidth,
-                                    configuration.maxHeight, std::string(), configuration);
+                                    configuration.maxHeight, std::string(), configuration, warnings);
       }
     }
   }
@@ -135,20 +135,25 @@ void createKMLTrackPhotosForParent(Track& track, xml::XmlElement& parent,
 void createKMLPlacemarkForParent(TrackPhoto& photo, xml::XmlElement& parent,
                                  const std::string& filename, int32_t maxWidth, int32_t maxHeight,
                                  const std::string& scaledFile,
-                                 const TrackKMLConfiguration& configuration) {
+                                 const TrackKMLConfiguration& configuration, ExportWarnings& warnings) {
   int32_t width = 0, height = 0;
-  if (!imageSizeWidth(photo, width, height)) return;  // logged by the image reader
+  if (const Status opened = imageSizeWidth(photo, width, height); !opened) {
+    warnings.push_back(opened.reason());  // logged by the image reader
+    return;
+  }
   const float scale = std::max({1.0f, static_cast<float>(width) / static_cast<float>(maxWidth),
                                 static_cast<float>(height) / static_cast<float>(maxHeight)});
   width = static_cast<int32_t>(static_cast<float>(width) / scale);
   height = static_cast<int32_t>(static_cast<float>(height) / scale);
 
   if (!scaledFile.empty()) {
-    if (createJPG(photo, scaledFile, width, height, configuration.jpegQuality / 10.0f)) {
-      const std::string source = TrackPhotos::filepath(photo);
-      if (ExifTool::copyTagsFrom(source, scaledFile) != 0) {
-        logf("TrackKML: the metadata of {} could not be copied to its scaled copy", source);
-      }
+    const Status scaled = createJPG(photo, scaledFile, width, height, configuration.jpegQuality / 10.0f);
+    const std::string source = TrackPhotos::filepath(photo);
+    if (!scaled) {
+      warnings.push_back(scaled.reason());
+    } else if (ExifTool::copyTagsFrom(source, scaledFile) != 0) {
+      warnings.push_back(fmt::format("the metadata of {} could not be copied to its scaled copy", source));
+      logf("TrackKML: {}", warnings.back());
     }
   }
 
@@ -168,31 +173,32 @@ void createKMLPlacemarkForParent(TrackPhoto& photo, xml::XmlElement& parent,
   }
 }
 
-bool imageSizeWidth(TrackPhoto& photo, int32_t& width, int32_t& height) {
+Status imageSizeWidth(TrackPhoto& photo, int32_t& width, int32_t& height) {
   PhotoAccess access(photo);
-  const auto image = GxImage::imageWithPath(TrackPhotos::filepath(photo));
-  if (!image) return false;
+  const Result<GxImage> image = GxImage::imageWithPath(TrackPhotos::filepath(photo));
+  if (!image) return image.status();
   width = image->width();
   height = image->height();
-  return true;
+  return {};
 }
 
-bool createJPG(TrackPhoto& photo, const std::string& path, int32_t& width, int32_t& height,
-               float quality) {
+Status createJPG(TrackPhoto& photo, const std::string& path, int32_t& width, int32_t& height,
+                 float quality) {
   PhotoAccess access(photo);
-  const auto image = GxImage::imageWithPath(TrackPhotos::filepath(photo));
-  if (!image || image->width() <= 0 || image->height() <= 0) return false;
+  const Result<GxImage> image = GxImage::imageWithPath(TrackPhotos::filepath(photo));
+  if (!image) return image.status();
   const double scale = std::max({1.0, static_cast<double>(image->width()) / width,
                                  static_cast<double>(image->height()) / height});
   const int newWidth = static_cast<int>(std::lround(image->width() / scale));
   const int newHeight = static_cast<int>(std::lround(image->height() / scale));
-  if (newWidth == 0 || newHeight == 0) return false;
-  if (!image->writeScaledJpeg(path, newWidth, newHeight, quality)) return false;
+  if (const Status written = image->writeScaledJpeg(path, newWidth, newHeight, quality); !written) {
+    return written;
+  }
   // Shown turned by a quarter: the size as seen swaps.
   const bool turned = image->orientation() >= 5;
   width = turned ? newHeight : newWidth;
   height = turned ? newWidth : newHeight;
-  return true;
+  return {};
 }
 
 }  // namespace kvtrack

@@ -38,45 +38,62 @@ std::vector<TrackPtr> collectTracks(const std::vector<TrackLibraryFolderPtr>& fo
   return collected;
 }
 
-}  // namespace
+struct EntryKind {
+  std::string extension;
+  bool withPhotos, useKML;
+};
 
-bool createZipFile(const std::string& zipPath, const std::vector<TrackLibraryFolderPtr>& forFolders,
-                   const std::vector<TrackPtr>& andTracks, bool withSubfolders, bool withPhotos,
-                   bool useKML) {
-  const std::string extension = !useKML ? "gpx" : withPhotos ? "kmz" : "kml";
-  const std::string sandbox = FileHandling::singleton().sandbox();
-  ZipArchive archive;
-  if (sandbox.empty() || !archive.CreateZipFile2(zipPath)) return false;
-
-  std::vector<std::string> temporaryFiles;
-  for (const auto& track : collectTracks(forFolders, andTracks, withSubfolders)) {
-    const std::string file = fmt::format("{}/{}.{}", sandbox, FileHandling::guid(), extension);
-    temporaryFiles.push_back(file);
-    std::vector<std::string> additionalFiles;
-    if (useKML) {
-      exportKml(track, file, withPhotos, withPhotos);
-      track->unload();  // the points are read again when needed
-    } else {
-      exportExternalGpx(*track, file, withPhotos, additionalFiles);
-    }
-    std::error_code error;
-    if (!fs::is_regular_file(file, error)) {
-      logf("TrackLibraryArchive: track '{}' could not be exported; it is left out", track->name());
-      continue;
-    }
-    archive.addFileToZip(file, uniqueEntryName(archive, track->name(), extension));
-    for (const auto& additional : additionalFiles) {
-      if (fs::exists(additional, error)) {
-        archive.addFileToZip(additional, fs::path(additional).filename().string());
-      }
+// Exports the track to the file and adds it (and its photos, for GPX) to
+// the archive; a track that cannot be exported is left out.
+void addTrack(ZipArchive& archive, const TrackPtr& track, const std::string& file, const EntryKind& kind,
+              ExportWarnings& warnings) {
+  std::vector<std::string> additionalFiles;
+  if (kind.useKML) {
+    ExportOutcome exported = exportKml(track, file, kind.withPhotos, kind.withPhotos);
+    warnings.insert(warnings.end(), exported.warnings.begin(), exported.warnings.end());
+    track->unload();  // the points are read again when needed
+  } else {
+    exportExternalGpx(*track, file, kind.withPhotos, additionalFiles);
+  }
+  std::error_code error;
+  if (!fs::is_regular_file(file, error)) {
+    warnings.push_back(fmt::format("track '{}' could not be exported; it is left out", track->name()));
+    logf("TrackLibraryArchive: {}", warnings.back());
+    return;
+  }
+  Status added = archive.addFileToZip(file, uniqueEntryName(archive, track->name(), kind.extension));
+  for (const auto& additional : additionalFiles) {
+    if (added && fs::exists(additional, error)) {
+      added = archive.addFileToZip(additional, fs::path(additional).filename().string());
     }
   }
-  const bool written = archive.CloseZipFile2();
+  if (!added) warnings.push_back(added.reason());
+}
+
+}  // namespace
+
+ExportOutcome createZipFile(const std::string& zipPath, const std::vector<TrackLibraryFolderPtr>& forFolders,
+                            const std::vector<TrackPtr>& andTracks, bool withSubfolders, bool withPhotos,
+                            bool useKML) {
+  ExportOutcome outcome;
+  const std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) outcome.status = Status::failure("cannot write " + zipPath + ": no private folder");
+  ZipArchive archive;
+  if (outcome.ok()) outcome.status = archive.CreateZipFile2(zipPath);
+  if (!outcome.ok()) return outcome;
+
+  const std::string extension = !useKML ? "gpx" : withPhotos ? "kmz" : "kml";
+  std::vector<std::string> temporaryFiles;
+  for (const auto& track : collectTracks(forFolders, andTracks, withSubfolders)) {
+    temporaryFiles.push_back(fmt::format("{}/{}.{}", sandbox, FileHandling::guid(), extension));
+    addTrack(archive, track, temporaryFiles.back(), {extension, withPhotos, useKML}, outcome.warnings);
+  }
+  outcome.status = archive.CloseZipFile2();
   for (const auto& file : temporaryFiles) {
     std::error_code ignored;
     fs::remove(file, ignored);
   }
-  return written;
+  return outcome;
 }
 
 }  // namespace kvtrack::TrackLibraryArchive

@@ -2,6 +2,7 @@
 // A selection of library tracks handed to the outside world as one zip
 // archive: every track becomes one GPX, KML or KMZ entry named after it.
 
+#include "kvtrack/exports/ExportOutcome.h"
 #include "kvtrack/library/TrackLibraryFolder.h"
 
 #include <string>
@@ -16,9 +17,9 @@ namespace kvtrack::TrackLibraryArchive {
 /// owner's synchronised store. Entry names are the track names made safe
 /// for file systems; a name already taken gets " (2)", " (3)", ... before
 /// its extension, because a zip entry name must be unique to be extracted.
-/// True when the archive was written; tracks that cannot be exported are
-/// left out, each logged.
-bool createZipFile(const std::string& zipPath, const std::vector<TrackLibraryFolderPtr>& forFolders,
+/// Whether the archive was written; tracks that cannot be exported are
+/// left out, each logged and named in the outcome's warnings.
+ExportOutcome createZipFile(const std::string& zipPath, const std::vector<TrackLibraryFolderPtr>& forFolders,
                    const std::vector<TrackPtr>& andTracks, bool withSubfolders, bool withPhotos,
                    bool useKML);
 

@@ -4,6 +4,7 @@
 #include "kvtrack/library/TrackLibrary.h"
 #include "kvtrack/library/TrackStorage.h"
 #include "kvtrack/support/StagedFiles.h"
+#include "kvtrack/support/SystemCalls.h"
 #include "kvtrack/support/CaseInsensitive.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
@@ -82,15 +83,14 @@ void TrackLibraryFolder::addTrack(const TrackPtr& track, std::string name, std::
   track->setFilename(std::move(filename));
 }
 
-TrackPtr TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+Result<TrackPtr> TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std::string& path) {
+  const Result<std::string> compressed = readWholeFile(path);
+  if (!compressed) {
     logf("Error reading file: {}", path);
-    return nullptr;
+    return compressed.status();
   }
-  const std::string compressed(std::istreambuf_iterator<char>(in), {});
-  const std::optional<std::string> gpx = gzipInflate(compressed);
-  if (!gpx) return nullptr;  // gzipInflate said why
+  const Result<std::string> gpx = gzipInflate(*compressed);
+  if (!gpx) return gpx.status().prefixed(path);
 
   Lock lock(*this);
   const auto library = TrackLibrary::current();
@@ -100,7 +100,9 @@ TrackPtr TrackLibraryFolder::addTrackFromiCloudFile(std::string name, const std:
   const std::string folder =
       library ? library->folder() : FileHandling::singleton().userApplicationSupport();
   // Like every library file, replaced only by a complete one.
-  if (!writeFileAtomically(folder + "/" + *track->filename(), *gpx)) return nullptr;
+  if (const Status written = writeFileAtomically(folder + "/" + *track->filename(), *gpx); !written) {
+    return written;
+  }
   // Read from that file on first use.
   track->setIsLoaded(false);
   track->setIsDirty(false);

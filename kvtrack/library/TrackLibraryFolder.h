@@ -54,7 +54,7 @@ class TrackLibraryFolder : public TrackFolder,
   void addTrack(const TrackPtr& track, std::string name, std::string filename);
   /// A track received as a gzip-compressed GPX file: its data become the
   /// track's library file, read on first use. Null when it does not inflate.
-  TrackPtr addTrackFromiCloudFile(std::string name, const std::string& path);
+  Result<TrackPtr> addTrackFromiCloudFile(std::string name, const std::string& path);
   void addFolder(const TrackLibraryFolderPtr& folder);
   void addFolderAtBeginning(const TrackLibraryFolderPtr& folder);
   /// Files stay on disk until the library's clean-up.

@@ -1,15 +1,12 @@
 #include "kvtrack/photos/ExifToolSession.h"
 
-#include "kvtrack/support/ExternalProgram.h"
-
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/SystemCalls.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,8 +17,6 @@
 #include <cstring>
 #include <filesystem>
 #include <thread>
-
-extern char** environ;
 
 namespace kvtrack {
 
@@ -72,17 +67,99 @@ void ignoreSigpipeOnce() {
 std::atomic<unsigned> nextCommandId{1};
 
 // Reads what is there; false at end of file or on an error.
-bool readAvailable(int descriptor, std::string& into) {
+bool readAvailable(const UniqueFd& descriptor, std::string& into) {
   char buffer[65536];
-  while (true) {
-    ssize_t count = ::read(descriptor, buffer, sizeof buffer);
-    if (count > 0) {
-      into.append(buffer, static_cast<size_t>(count));
-      return true;
-    }
-    if (count < 0 && errno == EINTR) continue;
-    return false;
+  const ssize_t count = readSome(descriptor.get(), buffer, sizeof buffer);
+  if (count <= 0) return false;
+  into.append(buffer, static_cast<size_t>(count));
+  return true;
+}
+
+// What goes to exiftool for one command: the argument lines, then the
+// status echo and the numbered -execute.
+std::optional<std::string> commandInput(const std::vector<std::string>& arguments, unsigned id) {
+  std::string input;
+  for (const std::string& argument : arguments) {
+    std::optional<std::string> line = ExifToolSession::argumentLine(argument);
+    if (!line) return std::nullopt;  // callers check exiftoolArgumentsSuitForSession
+    input += *line;
+    input += '\n';
   }
+  input += fmt::format("-echo4\n{{ready{}:${{status}}}}\n-execute{}\n", id, id);
+  return input;
+}
+
+// One command's exchange: writes its input while reading both answers,
+// until both end in their markers or exiftool goes away.
+class Exchange {
+ public:
+  explicit Exchange(unsigned id)
+      : statusMarker_(fmt::format("{{ready{}:", id)), readyMarker_(fmt::format("{{ready{}}}\n", id)) {}
+
+  bool run(ChildProcess& exiftool, const std::string& input) {
+    size_t written = 0;
+    while (!outputDone_ || !errorsDone_) {
+      pollfd fds[3] = {{outputDone_ ? -1 : exiftool.output().get(), POLLIN, 0},
+                       {errorsDone_ ? -1 : exiftool.errors().get(), POLLIN, 0},
+                       {exiftool.input().get(), POLLOUT, 0}};
+      const nfds_t count = written < input.size() ? 3 : 2;
+      if (SystemCalls::current().poll(fds, count, -1) < 0) {
+        if (errno == EINTR) continue;
+        return false;
+      }
+      if (count == 3 && fds[2].revents != 0 && !write(exiftool.input(), input, written)) return false;
+      if (fds[0].revents != 0 && !readOutput(exiftool.output())) return false;
+      if (fds[1].revents != 0 && !readErrors(exiftool.errors())) return false;
+    }
+    return true;
+  }
+
+  ExifToolResult result() && {
+    result_.output.resize(result_.output.size() - readyMarker_.size());
+    const size_t marker = result_.errors.rfind(statusMarker_);
+    result_.status = std::atoi(result_.errors.c_str() + marker + statusMarker_.size());
+    result_.errors.resize(marker);
+    return std::move(result_);
+  }
+
+ private:
+  static bool write(const UniqueFd& input, const std::string& bytes, size_t& written) {
+    const ssize_t n = SystemCalls::current().write(input.get(), bytes.data() + written, bytes.size() - written);
+    if (n > 0) written += static_cast<size_t>(n);
+    return n >= 0 || errno == EAGAIN || errno == EINTR;  // EPIPE: exiftool is gone
+  }
+  bool readOutput(const UniqueFd& output) {
+    if (!readAvailable(output, result_.output)) return false;
+    outputDone_ = result_.output.ends_with(readyMarker_);
+    return true;
+  }
+  bool readErrors(const UniqueFd& errors) {
+    if (!readAvailable(errors, result_.errors)) return false;
+    const size_t marker = result_.errors.rfind(statusMarker_);
+    errorsDone_ = marker != std::string::npos && result_.errors.ends_with("}\n") &&
+                  (marker == 0 || result_.errors[marker - 1] == '\n');
+    return true;
+  }
+
+  const std::string statusMarker_, readyMarker_;
+  ExifToolResult result_;
+  bool outputDone_ = false, errorsDone_ = false;
+};
+
+// Reads and drops both answers until exiftool closes them or the deadline
+// passes. Whether it closed them.
+bool drain(ChildProcess& exiftool, std::chrono::steady_clock::time_point deadline) {
+  std::string ignored;
+  bool outputOpen = true, errorsOpen = true;
+  while ((outputOpen || errorsOpen) && std::chrono::steady_clock::now() < deadline) {
+    pollfd fds[2] = {{outputOpen ? exiftool.output().get() : -1, POLLIN, 0},
+                     {errorsOpen ? exiftool.errors().get() : -1, POLLIN, 0}};
+    if (SystemCalls::current().poll(fds, 2, 100) < 0 && errno != EINTR) break;
+    if (fds[0].revents != 0) outputOpen = readAvailable(exiftool.output(), ignored);
+    if (fds[1].revents != 0) errorsOpen = readAvailable(exiftool.errors(), ignored);
+    ignored.clear();
+  }
+  return !outputOpen && !errorsOpen;
 }
 
 }  // namespace
@@ -117,48 +194,16 @@ std::optional<std::string> ExifToolSession::argumentLine(const std::string& argu
 bool ExifToolSession::start() {
   if (isRunning()) return true;
   ignoreSigpipeOnce();
-  int in[2] = {-1, -1}, out[2] = {-1, -1}, err[2] = {-1, -1};
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-    logf("exiftool session: cannot create pipes: {}", std::strerror(errno));
-    for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) {
-      if (fd >= 0) ::close(fd);
-    }
-    return false;
-  }
-  std::vector<std::string> environment = childEnvironment();
-  std::vector<char*> envp;
-  for (std::string& entry : environment) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  std::string program = program_, stayOpen = "-stay_open", yes = "True", argfile = "-@", dash = "-";
-  char* argv[] = {program.data(), stayOpen.data(), yes.data(), argfile.data(), dash.data(), nullptr};
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-  const CleanChildAttributes attributes;  // default SIGPIPE, no blocked signals
-  pid_t pid = -1;
-  const int error = posix_spawnp(&pid, program_.c_str(), &actions, attributes.get(), argv, envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(in[0]);
-  ::close(out[1]);
-  ::close(err[1]);
-  if (error != 0) {
-    ::close(in[1]);
-    ::close(out[0]);
-    ::close(err[0]);
-    if (error != ENOENT && error != EACCES) {
-      logf("exiftool session: cannot start {}: {}", program_, std::strerror(error));
-    }
+  const ChildStreams pipes{ChildStream::pipe, ChildStream::pipe, ChildStream::pipe};
+  Result<ChildProcess> exiftool = ChildProcess::start({program_, "-stay_open", "True", "-@", "-"}, pipes);
+  if (!exiftool) {
+    logf("exiftool session: {}", exiftool.reason());
     return false;
   }
   // Written only when poll() says there is room, so a full pipe never blocks us.
-  fcntl(in[1], F_SETFL, fcntl(in[1], F_GETFL) | O_NONBLOCK);
-  pid_ = pid;
-  input_ = in[1];
-  output_ = out[0];
-  errors_ = err[0];
+  const int input = exiftool->input().get();
+  fcntl(input, F_SETFL, fcntl(input, F_GETFL) | O_NONBLOCK);
+  child_ = std::move(*exiftool);
   workingFolder_ = currentFolder();
   return true;
 }
@@ -166,94 +211,35 @@ bool ExifToolSession::start() {
 std::optional<ExifToolResult> ExifToolSession::run(const std::vector<std::string>& arguments) {
   if (!isRunning()) return std::nullopt;
   const unsigned id = nextCommandId++;
-  std::string input;
-  for (const std::string& argument : arguments) {
-    std::optional<std::string> line = argumentLine(argument);
-    if (!line) return std::nullopt;  // callers check exiftoolArgumentsSuitForSession
-    input += *line;
-    input += '\n';
-  }
-  const std::string statusMarker = fmt::format("{{ready{}:", id);
-  const std::string readyMarker = fmt::format("{{ready{}}}\n", id);
-  input += fmt::format("-echo4\n{}${{status}}}}\n-execute{}\n", statusMarker, id);
-
-  ExifToolResult result;
-  size_t written = 0;
-  bool outputDone = false, errorsDone = false;
-  while (!outputDone || !errorsDone) {
-    pollfd fds[3] = {{output_, POLLIN, 0}, {errors_, POLLIN, 0}, {input_, POLLOUT, 0}};
-    if (outputDone) fds[0].fd = -1;
-    if (errorsDone) fds[1].fd = -1;
-    const nfds_t count = written < input.size() ? 3 : 2;
-    if (::poll(fds, count, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    if (count == 3 && fds[2].revents != 0) {
-      ssize_t n = ::write(input_, input.data() + written, input.size() - written);
-      if (n > 0) {
-        written += static_cast<size_t>(n);
-      } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        break;  // EPIPE: exiftool is gone
-      }
-    }
-    if (fds[0].revents != 0) {
-      if (!readAvailable(output_, result.output)) break;
-      outputDone = result.output.ends_with(readyMarker);
-    }
-    if (fds[1].revents != 0) {
-      if (!readAvailable(errors_, result.errors)) break;
-      const size_t marker = result.errors.rfind(statusMarker);
-      errorsDone = marker != std::string::npos && result.errors.ends_with("}\n") &&
-                   (marker == 0 || result.errors[marker - 1] == '\n');
-    }
-  }
-  if (!outputDone || !errorsDone) {
+  const std::optional<std::string> input = commandInput(arguments, id);
+  if (!input) return std::nullopt;
+  Exchange exchange(id);
+  if (!exchange.run(*child_, *input)) {
     reap(true);
     return std::nullopt;
   }
-  result.output.resize(result.output.size() - readyMarker.size());
-  const size_t marker = result.errors.rfind(statusMarker);
-  result.status = std::atoi(result.errors.c_str() + marker + statusMarker.size());
-  result.errors.resize(marker);
-  return result;
+  return std::move(exchange).result();
 }
 
 void ExifToolSession::stop() {
   if (!isRunning()) return;
   static const char farewell[] = "-stay_open\nFalse\n";
-  (void)!::write(input_, farewell, sizeof farewell - 1);
-  ::close(input_);
-  input_ = -1;
-  // Drain both pipes until exiftool closes them, for at most a few seconds.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-  std::string ignored;
-  bool outputOpen = true, errorsOpen = true;
-  while ((outputOpen || errorsOpen) && std::chrono::steady_clock::now() < deadline) {
-    pollfd fds[2] = {{outputOpen ? output_ : -1, POLLIN, 0}, {errorsOpen ? errors_ : -1, POLLIN, 0}};
-    if (::poll(fds, 2, 100) < 0 && errno != EINTR) break;
-    if (fds[0].revents != 0) outputOpen = readAvailable(output_, ignored);
-    if (fds[1].revents != 0) errorsOpen = readAvailable(errors_, ignored);
-    ignored.clear();
-  }
-  reap(outputOpen || errorsOpen);
-}
-
-void ExifToolSession::closePipes() {
-  for (int* fd : {&input_, &output_, &errors_}) {
-    if (*fd >= 0) ::close(*fd);
-    *fd = -1;
-  }
+  (void)!SystemCalls::current().write(child_->input().get(), farewell, sizeof farewell - 1);
+  child_->input().reset();
+  const bool closed = drain(*child_, std::chrono::steady_clock::now() + std::chrono::seconds(3));
+  reap(!closed);
 }
 
 void ExifToolSession::reap(bool kill) {
-  closePipes();
-  if (pid_ <= 0) return;
-  if (kill) ::kill(pid_, SIGKILL);
-  int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  if (!child_) return;
+  if (kill) {
+    child_->kill();
+  } else {
+    child_->output().reset();
+    child_->errors().reset();
+    child_->wait();
   }
-  pid_ = -1;
+  child_.reset();
 }
 
 // --- ExifToolSessionPool -------------------------------------------------------

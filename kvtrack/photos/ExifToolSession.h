@@ -11,6 +11,8 @@
 // The first session started sets SIGPIPE to SIG_IGN for the whole process:
 // a write to an exiftool that died must come back as EPIPE, not end us.
 
+#include "kvtrack/support/ChildProcess.h"
+
 #include <sys/types.h>
 
 #include <condition_variable>
@@ -39,11 +41,10 @@ class ExifToolSession {
   ExifToolSession(const ExifToolSession&) = delete;
   ExifToolSession& operator=(const ExifToolSession&) = delete;
 
-  /// Starts the process unless it runs. False when it cannot be started;
-  /// logged unless the program is simply missing or not executable (the
-  /// shell reports that when the command falls back to it).
+  /// Starts the process unless it runs. False (and logged) when it cannot
+  /// be started.
   bool start();
-  bool isRunning() const { return pid_ > 0; }
+  bool isRunning() const { return child_.has_value(); }
   /// Runs one command (arguments without the program). Nothing when the
   /// process is gone or goes away during the command; it is reaped then.
   std::optional<ExifToolResult> run(const std::vector<std::string>& arguments);
@@ -53,7 +54,7 @@ class ExifToolSession {
 
   const std::string& program() const { return program_; }
   const std::string& workingFolder() const { return workingFolder_; }
-  pid_t processId() const { return pid_; }
+  pid_t processId() const { return child_ ? child_->processId() : -1; }
 
   /// One line of exiftool's argument file for the argument: as it is, or in
   /// the "#[CSTR]" C-string form when a plain line would change it (newline,
@@ -63,15 +64,11 @@ class ExifToolSession {
   static std::optional<std::string> argumentLine(const std::string& argument);
 
  private:
-  void closePipes();
   void reap(bool kill);
 
   std::string program_;
   std::string workingFolder_;
-  pid_t pid_ = -1;
-  int input_ = -1;   // exiftool's standard input (our writing end)
-  int output_ = -1;  // its standard output
-  int errors_ = -1;  // its standard error
+  std::optional<ChildProcess> child_;
 };
 
 /// A fixed number of sessions (one per core), handed out to callers, plus

@@ -2,9 +2,8 @@
 // ExternalProgram: the one way kvtrack runs other programs (gpsbabel,
 // exiftool, ...): a command line handed to /bin/sh -c. Quote every file name
 // with FileHandling::filenameForShell. The command line is logged before it
-// runs. Safe to call from any thread; the child reads /dev/null.
-
-#include <spawn.h>
+// runs. Safe to call from any thread; the child reads /dev/null. Built on
+// ChildProcess, which programs that need a conversation use directly.
 
 #include <string>
 #include <vector>
@@ -27,25 +26,5 @@ ShellOutput runShellCommandReadingOutput(const std::string& commandLine);
 /// Standard error is read (the program's complaints, for its caller to
 /// report); standard output passes through.
 ShellOutput runShellCommandReadingErrors(const std::string& commandLine);
-
-/// The environment every child process gets: ours, with TMPDIR pointed at
-/// the private sandbox when we have none of our own (programs that write
-/// temporary files under fixed names must not do so in a shared /tmp).
-std::vector<std::string> childEnvironment();
-
-/// Spawn attributes for a child that starts with no blocked signals and a
-/// default SIGPIPE, even when this process blocks or ignores them
-/// (pipelines and exiftool rely on that).
-class CleanChildAttributes {
- public:
-  CleanChildAttributes();
-  ~CleanChildAttributes();
-  CleanChildAttributes(const CleanChildAttributes&) = delete;
-  CleanChildAttributes& operator=(const CleanChildAttributes&) = delete;
-  const posix_spawnattr_t* get() const { return &attributes_; }
-
- private:
-  posix_spawnattr_t attributes_;
-};
 
 }  // namespace kvtrack

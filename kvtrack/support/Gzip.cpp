@@ -38,26 +38,26 @@ class Input {
   }
   size_t left(const z_stream& stream) const { return stream.avail_in + remaining_; }
   // The next unread byte, when there is one.
-  const Bytef* peek(const z_stream& stream) const {
-    return stream.avail_in != 0 ? stream.next_in : next_;
-  }
+  const Bytef* peek(const z_stream& stream) const { return stream.avail_in != 0 ? stream.next_in : next_; }
 
  private:
   const Bytef* next_;
   size_t remaining_;
 };
 
-bool startsGzipMember(const Bytef* at, size_t left) {
-  return left >= 2 && at[0] == 0x1f && at[1] == 0x8b;
+bool startsGzipMember(const Bytef* at, size_t left) { return left >= 2 && at[0] == 0x1f && at[1] == 0x8b; }
+
+Status refused(std::string reason) {
+  logf("gzip: {}", reason);
+  return Status::failure(std::move(reason));
 }
 
 }  // namespace
 
-std::optional<std::string> gzipInflate(std::string_view data, size_t limit) {
+Result<std::string> gzipInflate(std::string_view data, size_t limit) {
   z_stream stream{};
   if (inflateInit2(&stream, kGzipOrZlibWindow) != Z_OK) {
-    logLine("gzip: cannot start inflating (out of memory)");
-    return std::nullopt;
+    return refused("cannot start inflating (out of memory)");
   }
   struct End {
     z_stream& stream;
@@ -74,8 +74,7 @@ std::optional<std::string> gzipInflate(std::string_view data, size_t limit) {
     const int status = inflate(&stream, Z_NO_FLUSH);
     const size_t produced = buffer.size() - stream.avail_out;
     if (produced > limit - inflated.size()) {
-      logf("gzip: data inflate to more than {} bytes; refused", limit);
-      return std::nullopt;
+      return refused(fmt::format("data inflate to more than {} bytes; refused", limit));
     }
     inflated.append(buffer.data(), produced);
     if (status == Z_STREAM_END) {
@@ -83,32 +82,26 @@ std::optional<std::string> gzipInflate(std::string_view data, size_t limit) {
       if (left == 0) break;
       // Concatenated gzip files form one gzip file (zcat reads them so).
       if (startsGzipMember(input.peek(stream), left) && inflateReset(&stream) == Z_OK) continue;
-      logf("gzip: {} bytes of trailing garbage after the compressed data", left);
-      return std::nullopt;
+      return refused(fmt::format("{} bytes of trailing garbage after the compressed data", left));
     }
     if (status == Z_BUF_ERROR && input.left(stream) == 0) {
-      logLine("gzip: compressed data are truncated");
-      return std::nullopt;
+      return refused("compressed data are truncated");
     }
     if (status != Z_OK) {
-      logf("gzip: data are not gzip or zlib compressed, or damaged ({})",
-           reason(stream, "unknown error"));
-      return std::nullopt;
+      return refused(fmt::format("data are not gzip or zlib compressed, or damaged ({})",
+                                 reason(stream, "unknown error")));
     }
   }
   if (inflated.empty()) {
-    logLine("gzip: compressed data hold nothing");
-    return std::nullopt;
+    return refused("compressed data hold nothing");
   }
   return inflated;
 }
 
-std::optional<std::string> gzipDeflate(std::string_view data) {
+Result<std::string> gzipDeflate(std::string_view data) {
   z_stream stream{};
-  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindow, 8,
-                   Z_DEFAULT_STRATEGY) != Z_OK) {
-    logLine("gzip: cannot start deflating (out of memory)");
-    return std::nullopt;
+  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindow, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    return refused("cannot start deflating (out of memory)");
   }
   struct End {
     z_stream& stream;
@@ -126,8 +119,7 @@ std::optional<std::string> gzipDeflate(std::string_view data) {
     stream.avail_out = static_cast<uInt>(buffer.size());
     status = deflate(&stream, flush);
     if (status == Z_STREAM_ERROR) {
-      logf("gzip: deflating failed ({})", reason(stream, "stream error"));
-      return std::nullopt;
+      return refused(fmt::format("deflating failed ({})", reason(stream, "stream error")));
     }
     deflated.append(buffer.data(), buffer.size() - stream.avail_out);
   }

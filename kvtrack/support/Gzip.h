@@ -1,8 +1,9 @@
 #pragma once
 // gzip compression for files exchanged with a synchronised store.
 
+#include "kvtrack/support/Status.h"
+
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,12 +15,12 @@ namespace kvtrack {
 inline constexpr size_t kGzipInflateLimit = size_t{2} << 30;  // 2 GiB
 
 /// The data of a gzip file (several members in a row are joined, as zcat
-/// does) or of a zlib stream. Absent, with a log line, when the data are not
+/// does) or of a zlib stream. Fails, with a log line, when the data are not
 /// compressed that way, are damaged or truncated, inflate to more than
 /// `limit` bytes, or inflate to nothing.
-std::optional<std::string> gzipInflate(std::string_view data, size_t limit = kGzipInflateLimit);
+Result<std::string> gzipInflate(std::string_view data, size_t limit = kGzipInflateLimit);
 
-/// The data as one gzip member. Absent, with a log line, when zlib fails.
-std::optional<std::string> gzipDeflate(std::string_view data);
+/// The data as one gzip member. Fails, with a log line, when zlib fails.
+Result<std::string> gzipDeflate(std::string_view data);
 
 }  // namespace kvtrack

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -40,6 +41,18 @@ int SystemCalls::link(const char* existing, const char* created) {
 }
 int SystemCalls::unlink(const char* path) { return ::unlink(path); }
 int SystemCalls::mkstemp(char* pathTemplate) { return ::mkostemp(pathTemplate, O_CLOEXEC); }
+int SystemCalls::pipe(int ends[2]) { return ::pipe2(ends, O_CLOEXEC); }
+int SystemCalls::spawn(pid_t* processId, const char* program, const posix_spawn_file_actions_t* actions,
+                       const posix_spawnattr_t* attributes, char* const arguments[],
+                       char* const environment[]) {
+  return ::posix_spawnp(processId, program, actions, attributes, arguments, environment);
+}
+pid_t SystemCalls::waitpid(pid_t processId, int* status, int options) {
+  return ::waitpid(processId, status, options);
+}
+int SystemCalls::poll(pollfd* descriptors, nfds_t count, int timeout) {
+  return ::poll(descriptors, count, timeout);
+}
 
 SystemCalls& SystemCalls::current() { return *inForce.load(std::memory_order_acquire); }
 

@@ -11,6 +11,8 @@
 #include "kvtrack/support/Status.h"
 #include "kvtrack/support/UniqueFd.h"
 
+#include <poll.h>
+#include <spawn.h>
 #include <sys/types.h>
 
 #include <string>
@@ -31,6 +33,14 @@ class SystemCalls {
   virtual int link(const char* existing, const char* created);
   virtual int unlink(const char* path);
   virtual int mkstemp(char* pathTemplate);
+  /// pipe2(2) with O_CLOEXEC on both ends.
+  virtual int pipe(int ends[2]);
+  /// posix_spawnp(3): 0, or the error number (errno is not set).
+  virtual int spawn(pid_t* processId, const char* program, const posix_spawn_file_actions_t* actions,
+                    const posix_spawnattr_t* attributes, char* const arguments[],
+                    char* const environment[]);
+  virtual pid_t waitpid(pid_t processId, int* status, int options);
+  virtual int poll(pollfd* descriptors, nfds_t count, int timeout);
 
   /// The calls in force.
   static SystemCalls& current();

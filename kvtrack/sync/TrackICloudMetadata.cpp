@@ -7,6 +7,7 @@
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 #include "kvtrack/support/StagedFiles.h"
+#include "kvtrack/support/SystemCalls.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Gzip.h"
 #include "kvtrack/support/KvPreferences.h"
@@ -45,15 +46,6 @@ int32_t integerAt(const Metadata& metadata, std::string_view key) {
 }
 
 bool hasText(const std::optional<std::string>& text) { return text && !text->empty(); }
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    logf("Error reading file: {}", path);
-    return std::nullopt;
-  }
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 }  // namespace
 
@@ -194,18 +186,21 @@ void requestPhotosFromiCloud(Track& track) {
   }).detach();
 }
 
-bool updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath) {
-  const auto compressed = readFile(gzPath);
-  if (!compressed) return false;
-  const auto gpx = gzipInflate(*compressed);
+Status updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath) {
+  const Result<std::string> compressed = readWholeFile(gzPath);
+  if (!compressed) {
+    logf("Error reading file: {}", gzPath);
+    return compressed.status();
+  }
+  const Result<std::string> gpx = gzipInflate(*compressed);
   if (!gpx) {
     logf("track {} keeps its file: {} does not inflate", track.name(), gzPath);
-    return false;
+    return gpx.status().prefixed(gzPath);
   }
   Lock lock(track);
   if (!hasText(track.filename())) {
     logf("track {} has no library file to replace", track.name());
-    return false;
+    return Status::failure(fmt::format("track {} has no library file to replace", track.name()));
   }
   const auto library = TrackLibrary::current();
   const std::string folder =
@@ -216,7 +211,7 @@ bool updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath) {
   track.setIsDirty(false);
   track.setMetadataDirty(false);
   track.unload();
-  const bool written = writeFileAtomically(folder + "/" + *track.filename(), *gpx).ok();
+  const Status written = writeFileAtomically(folder + "/" + *track.filename(), *gpx);
   track.setIsLoaded(false);
   track.setIsDirty(false);
   // The figures are computed again from the new file on next use.

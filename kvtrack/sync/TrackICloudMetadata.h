@@ -77,8 +77,8 @@ void movePhotosToiCloud(Track& track);
 /// of the photos with an iCloudId, in point order. Returns at once.
 void requestPhotosFromiCloud(Track& track);
 /// Replaces the track's library file by the inflated gzip file at gzPath;
-/// unsaved points are dropped, the new file is read on next use. False,
+/// unsaved points are dropped, the new file is read on next use. Fails,
 /// logged, with nothing changed, when the file does not inflate.
-bool updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath);
+Status updateLibraryFileFromiCloudFile(Track& track, const std::string& gzPath);
 
 }  // namespace kvtrack::TrackICloud

@@ -80,7 +80,7 @@ TEST_F(ExportFormatsTest, ZipOfFoldersAndTracks) {
   const WayfolioRun unwritable =
       run("zip " + word(scratch.file("missing/a.zip")) + " --folder Switzerland");
   EXPECT_EQ(unwritable.status, 1);
-  EXPECT_THAT(unwritable.err, HasSubstr("wayfolio: error: could not write"));
+  EXPECT_THAT(unwritable.err, HasSubstr("wayfolio: error: cannot write " + scratch.file("missing/a.zip")));
 }
 
 }  // namespace

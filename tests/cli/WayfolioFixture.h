@@ -33,8 +33,7 @@ class WayfolioTest : public ::testing::Test {
   static std::string word(const std::string& text) { return FileHandling::filenameForShell(text); }
 
   static std::string examples(const std::string& name = {}) {
-    const auto folder = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-                        "examples";
+    const auto folder = std::filesystem::path(KVTRACK_SOURCE_DIR) / "examples";
     return (name.empty() ? folder : folder / name).string();
   }
 

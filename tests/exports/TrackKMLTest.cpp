@@ -6,11 +6,11 @@
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/FileHandling.h"
-#include "kvtrack/support/Log.h"
 #include "tests/common/ScratchFolder.h"
 #include "tests/common/TrackBuilders.h"
 #include "tests/photos/PhotoTestSupport.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -128,13 +128,14 @@ TEST_F(TrackKMLTest, KmzHoldsScaledPhotosNumberedAcrossTheTrack) {
   points[1]->trackPhotos()[0]->setCity("Zermatt");
   points[1]->trackPhotos()[0]->setCountry("Switzerland");
 
-  LogCapture log;
   // A hostile name must reach zip as one harmless word.
   const std::string target = scratch.file("it's $(touch pwned) `id`.kmz");
-  ASSERT_TRUE(TrackKML(track, TrackKMLConfiguration()).exportTo(target, true));
+  const ExportOutcome exported = TrackKML(track, TrackKMLConfiguration()).exportTo(target, true);
+  ASSERT_TRUE(exported) << exported.reason();
   EXPECT_FALSE(std::filesystem::exists(scratch.file("pwned")));
-  EXPECT_TRUE(log.contains("missing.jpg"));
-  EXPECT_TRUE(log.contains("broken.jpg"));
+  ASSERT_EQ(exported.warnings.size(), 2u);
+  EXPECT_THAT(exported.warnings[0], HasSubstr("cannot open image " + scratch.file("missing.jpg")));
+  EXPECT_THAT(exported.warnings[1], HasSubstr("cannot open image " + scratch.file("broken.jpg")));
 
   const std::string quoted = FileHandling::filenameForShell(target);
   EXPECT_THAT(output("unzip -t " + quoted), HasSubstr("No errors detected"));
@@ -190,11 +191,11 @@ TEST_F(TrackKMLTest, PlainKmlShowsPhotosFromTheirFiles) {
 
 TEST_F(TrackKMLTest, UnwritableTargetFailsAndKeepsNothingHalfDone) {
   const auto track = sampleTrack();
-  LogCapture log;
-  EXPECT_FALSE(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kml"), false));
-  EXPECT_FALSE(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kmz"), true));
+  EXPECT_THAT(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kml"), false).reason(),
+              HasSubstr(scratch.file("no/such/x.kml")));
+  EXPECT_THAT(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kmz"), true).reason(),
+              HasSubstr("zip"));
   EXPECT_FALSE(std::filesystem::exists(scratch.file("no")));
-  EXPECT_FALSE(log.lines().empty());
 }
 
 TEST_F(TrackKMLTest, TheFirstSelectedTrackOfAFolderTreeIsExported) {

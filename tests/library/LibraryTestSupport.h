@@ -27,7 +27,7 @@ class LibraryTest : public ::testing::Test {
     library.reset();
     TrackLibrary::releaseSingleton();
     library = TrackLibrary::trackLibraryWithFileHandling(FileHandling::singleton());
-    library->syncFromDisk();
+    ASSERT_TRUE(library->syncFromDisk());
   }
 
   static TrackPtr walk(const std::string& name, int n,

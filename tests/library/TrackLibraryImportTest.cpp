@@ -54,7 +54,7 @@ TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
   EXPECT_TRUE(library->waypointTrack()->trackPoints().empty());  // nor filed as places
 
   UserDefaults::singleton().setBoolForKey("IgnoreTrackIdDuringImport", true);
-  target->importGPX(file, configuration);
+  ASSERT_TRUE(target->importGPX(file, configuration));
   UserDefaults::singleton().removeObjectForKey("IgnoreTrackIdDuringImport");
   EXPECT_EQ(target->tracks().size(), 4u);
 }
@@ -63,7 +63,7 @@ TEST_F(LibraryImport, UserTimeZoneOnlyForFilesWithoutOne) {
   const std::string file = folder.write("two.gpx", kTrackFile);
   KvPreferences::singleton().setTimeZoneInMinutes(-300);
   GpxImportConfiguration configuration;
-  library->importGPX(file, configuration);
+  ASSERT_TRUE(library->importGPX(file, configuration));
   KvPreferences::singleton().setTimeZoneInMinutes(std::nullopt);
   const auto tracks = library->tracks();
   ASSERT_EQ(tracks.size(), 2u);
@@ -82,7 +82,7 @@ TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
   EXPECT_EQ(library->waypointTrack()->trackPoints()[0]->comment(), "beds");
   EXPECT_EQ(configuration.importedPOIs().size(), 2u);
   // The same names again replace the points instead of doubling them.
-  library->importGPX(pois, configuration);
+  ASSERT_TRUE(library->importGPX(pois, configuration));
   EXPECT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
 
   const std::string caches = folder.write("caches.gpx", R"(<?xml version="1.0"?><gpx>
@@ -90,7 +90,7 @@ TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
       <url>https://www.geocaching.com/geocache/GC1AAAA</url></wpt>
     <wpt lat="47.2" lon="8.2"><name>GC1BBBB</name>
       <url>https://www.geocaching.com/geocache/GC1BBBB</url></wpt></gpx>)");
-  library->importGPX(caches, configuration);
+  ASSERT_TRUE(library->importGPX(caches, configuration));
   EXPECT_TRUE(library->tracks().empty());
   EXPECT_EQ(configuration.filedGeocacheCounter(), 2);
   const auto& collection = library->geocacheTrack()->trackPoints();

@@ -9,6 +9,8 @@
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/SystemCalls.h"
+#include "tests/common/FaultySystemCalls.h"
 #include "tests/common/ScopedEnvironment.h"
 #include "tests/common/ScratchFolder.h"
 #include "tests/photos/PhotoTestSupport.h"
@@ -236,6 +238,45 @@ TEST_F(ExifToolTest, SessionRestartsAfterExiftoolDies) {
   for (pid_t pid : ExifToolSessionPool::shared().processIds()) {
     EXPECT_EQ(std::count(pids.begin(), pids.end(), pid), 0);
   }
+}
+
+TEST_F(ExifToolTest, SessionsSurviveShortReadsSpawnFailuresAndAnExiftoolDyingMidAnswer) {
+  ExifTool::setPersistentSessions(true);
+  const std::string path = jpeg("faults.jpg", {"DateTimeOriginal=2012:06:01 10:00:00", "IPTC:City=Köln"});
+  const auto tagsOf = [&path] {
+    Tags tags = ExifTool::exifTagsForFile(path).value_or(Tags{});
+    tags.erase("File Access Date/Time");
+    return tags;
+  };
+  const Tags expected = tagsOf();
+  ASSERT_EQ(expected.at("City"), "Köln");
+  ExifTool::resetPersistentSessions();
+  {
+    testing::FaultySystemCalls calls;
+    calls.limitReads(5);
+    const ScopedSystemCalls inForce(calls);
+    EXPECT_EQ(tagsOf(), expected);
+    EXPECT_GT(calls.count(testing::FaultySystemCalls::Call::kRead), 100);
+  }
+  {
+    testing::FaultySystemCalls calls;
+    calls.failNth(testing::FaultySystemCalls::Call::kSpawn, 1, EAGAIN);
+    const ScopedSystemCalls inForce(calls);
+    ExifTool::resetPersistentSessions();
+    EXPECT_EQ(tagsOf(), expected);  // the next start works
+  }
+  // An exiftool that answers half a command and dies, every time it runs
+  // as a session; run on its own it is the real one.
+  const std::string dying = scratch.write("dying-exiftool",
+      "#!/bin/sh\n"
+      "[ \"$1\" = -stay_open ] || exec exiftool \"$@\"\n"
+      "while read -r line; do case $line in -execute*) printf '[City] Kö'; exit 3;; esac; done\n");
+  fs::permissions(dying, fs::perms::owner_all);
+  ExifToolSessionPool pool(1);
+  EXPECT_FALSE(pool.run(dying, {"-c", "%f", path}));
+  EXPECT_TRUE(pool.processIds().empty());
+  KvPreferences::singleton().setExiftoolPath(dying);
+  EXPECT_EQ(tagsOf(), expected);
 }
 
 TEST_F(ExifToolTest, SessionsCarryEveryByteOfAnArgument) {

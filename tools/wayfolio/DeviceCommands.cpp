@@ -12,7 +12,6 @@
 #include "kvtrack/library/TrackLibraryGPX.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
-#include "tools/wayfolio/CapturedStandardError.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/LibrarySession.h"
 
@@ -42,7 +41,6 @@ struct DeviceOptions {
   std::string device;
   std::string into;
   bool yes = false;
-  bool verbose = false;
 };
 
 // Ctrl-C during a download: the handler only writes to a pipe (all a signal
@@ -172,70 +170,44 @@ Outcome runDevices() {
   return {};
 }
 
-Outcome runDownload(const DeviceOptions& options) {
-  const std::string label = deviceLabel(options);
-  chooseDevice(options);
-  const std::string sandbox = FileHandling::singleton().sandbox();
-  if (sandbox.empty()) throw CommandError("no private folder for the download");
-  const std::string gpx = sandbox + "/download.gpx";
-  std::error_code ignored;
-  fs::remove(gpx, ignored);
-
-  std::fprintf(stderr, "Downloading from %s (%s) ...\n", label.c_str(), options.type.c_str());
-  std::fflush(stderr);
-  int status = 0;
+// What reading the logger came to, and whether the user cancelled it.
+struct Transfer {
+  TransferStatus status;
   bool interrupted = false;
-  std::string complaint;
-  auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
-                                              : nullptr;
-  {
-    InterruptGuard guard;
-    // Blocks or points read, on a terminal only.
-    if (driver && ::isatty(STDERR_FILENO) == 1) {
-      driver->setProgress([](uint64_t done, uint64_t total, const char* unit) {
-        std::fprintf(stderr, "\r\033[KRead %llu of %llu %s", static_cast<unsigned long long>(done),
-                     static_cast<unsigned long long>(total), unit);
-        std::fflush(stderr);
-      });
-    }
-    CapturedStandardError captured(!options.verbose);
-    status = GPSBabel::singleton().importTracksAndWaypointToFile(gpx);
-    if (driver) {
-      driver->setProgress(nullptr);
-      if (::isatty(STDERR_FILENO) == 1) std::fputs("\r\033[K", stderr);
-    }
-    complaint = captured.firstLine();
-    interrupted = guard.interrupted();
-  }
-  if (interrupted) {
-    fs::remove(gpx, ignored);
-    return Outcome{.failure = fmt::format("the download from {} was cancelled", label)};
-  }
-  // A logger that could not be opened still yields one empty track.
-  if (const auto iGotU = std::dynamic_pointer_cast<IGotU>(driver);
-      iGotU && !iGotU->lastDownloadStatus()) {
-    fs::remove(gpx, ignored);
-    return Outcome{.failure = iGotUFailure(iGotU->lastDownloadStatus())};
-  }
-  if (status != 0) {
-    fs::remove(gpx, ignored);
-    std::string message = fmt::format("the download from {} failed (status {})", label, status);
-    if (!complaint.empty()) message += ": " + complaint;
-    return Outcome{.failure = message};
-  }
+};
 
+// Reads the logger into the GPX file, with the blocks or points read shown
+// on a terminal.
+Transfer downloadToFile(const std::shared_ptr<GpsDriver>& driver, const std::string& gpx) {
+  InterruptGuard guard;
+  const bool showProgress = driver && ::isatty(STDERR_FILENO) == 1;
+  if (showProgress) {
+    driver->setProgress([](uint64_t done, uint64_t total, const char* unit) {
+      std::fprintf(stderr, "\r\033[KRead %llu of %llu %s", static_cast<unsigned long long>(done),
+                   static_cast<unsigned long long>(total), unit);
+      std::fflush(stderr);
+    });
+  }
+  TransferStatus status = GPSBabel::singleton().importTracksAndWaypointToFile(gpx);
+  if (driver) driver->setProgress(nullptr);
+  if (showProgress) std::fputs("\r\033[K", stderr);
+  return {std::move(status), guard.interrupted()};
+}
+
+// Imports the downloaded file into the folder: all of it or nothing.
+Outcome importDownload(const DeviceOptions& options, const std::string& label, const std::string& gpx,
+                       uint64_t skippedByDriver) {
   auto library = TrackLibrary::singleton();
   bool created = false;
   const TrackLibraryFolderPtr target = makeFolders(*library, options.into, created);
   GpxImportConfiguration configuration;
   configuration.setTrackIdPrefix(kTrackIdPrefix);
   configuration.setSetTimeZone(true);
-  std::fprintf(stderr, "Importing the download ...\n");
   configuration.setIsExternal(true);
+  std::fprintf(stderr, "Importing the download ...\n");
   const Status imported = target->importGPX(gpx, configuration);
-  fs::remove(gpx, ignored);
   if (!imported) {
-    // Whatever the broken file yielded goes again: all or nothing.
+    // Whatever the broken file yielded goes again.
     for (const auto& track : configuration.importedTracks()) {
       if (auto folder = folderOf(*track)) folder->deleteTrack(track);
     }
@@ -248,7 +220,6 @@ Outcome runDownload(const DeviceOptions& options) {
       fmt::format("Downloaded from {}: {} tracks added, {} duplicates refused, {} waypoints filed\n",
                   label, tracks.size(), configuration.identicalTrackCounter(),
                   configuration.importedPOIs().size());
-  const uint64_t skippedByDriver = driver ? driver->invalidPositionCount() : 0;
   if (const uint64_t invalid =
           static_cast<uint64_t>(configuration.invalidPositionCounter()) + skippedByDriver) {
     report += fmt::format("  {} points with invalid coordinates skipped\n", invalid);
@@ -257,6 +228,37 @@ Outcome runDownload(const DeviceOptions& options) {
     report += fmt::format("  {} ({} points)\n", trackPath(*track), track->pointCount());
   }
   return libraryChanged(true, std::move(report));
+}
+
+Outcome runDownload(const DeviceOptions& options) {
+  const std::string label = deviceLabel(options);
+  chooseDevice(options);
+  const std::string sandbox = FileHandling::singleton().sandbox();
+  if (sandbox.empty()) throw CommandError("no private folder for the download");
+  const std::string gpx = sandbox + "/download.gpx";
+  std::error_code ignored;
+  fs::remove(gpx, ignored);
+
+  std::fprintf(stderr, "Downloading from %s (%s) ...\n", label.c_str(), options.type.c_str());
+  std::fflush(stderr);
+  auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
+                                              : nullptr;
+  const Transfer transfer = downloadToFile(driver, gpx);
+  const auto iGotU = std::dynamic_pointer_cast<IGotU>(driver);
+  std::optional<std::string> failure;
+  if (transfer.interrupted) {
+    failure = fmt::format("the download from {} was cancelled", label);
+  } else if (iGotU && !iGotU->lastDownloadStatus()) {
+    // A logger that could not be opened still yields one empty track.
+    failure = iGotUFailure(iGotU->lastDownloadStatus());
+  } else if (!transfer.status) {
+    failure = fmt::format("the download from {} failed (status {}): {}", label, transfer.status.code,
+                          transfer.status.reason);
+  }
+  Outcome outcome = failure ? Outcome{.failure = *failure}
+                            : importDownload(options, label, gpx, driver ? driver->invalidPositionCount() : 0);
+  fs::remove(gpx, ignored);
+  return outcome;
 }
 
 bool confirmed(const std::string& question) {
@@ -280,18 +282,14 @@ Outcome runErase(const DeviceOptions& options) {
   chooseDevice(options);
   const std::string sandbox = FileHandling::singleton().sandbox();
   if (sandbox.empty()) throw CommandError("no private folder for the erase");
-  int status = 0;
-  std::string complaint;
+  TransferStatus status;
   {
     InterruptGuard guard;
-    CapturedStandardError captured(!options.verbose);
     status = GPSBabel::singleton().deleteTracksAndWaypointToFile(sandbox + "/erase.gpx");
-    complaint = captured.firstLine();
   }
-  if (status != 0) {
-    std::string message = fmt::format("the erase of {} failed (status {})", label, status);
-    if (!complaint.empty()) message += ": " + complaint;
-    return Outcome{.failure = message};
+  if (!status) {
+    return Outcome{.failure = fmt::format("the erase of {} failed (status {}): {}", label, status.code,
+                                          status.reason)};
   }
   fmt::print("Erased the tracks on {}\n", label);
   return {};
@@ -323,10 +321,7 @@ void addDeviceCommands(CLI::App& app, Invocation& invocation) {
   downloadCommand->add_option("--into", download->into, "Library folder to import into (made when missing)");
   downloadCommand->callback([&invocation, download] {
     invocation.changesLibrary = true;
-    invocation.action = [&invocation, download] {
-      download->verbose = invocation.verbose;
-      return runDownload(*download);
-    };
+    invocation.action = [download] { return runDownload(*download); };
   });
 
   auto erase = std::make_shared<DeviceOptions>();
@@ -335,10 +330,7 @@ void addDeviceCommands(CLI::App& app, Invocation& invocation) {
   eraseCommand->add_flag("--yes", erase->yes, "Do not ask for confirmation");
   eraseCommand->callback([&invocation, erase] {
     invocation.usesLibrary = false;
-    invocation.action = [&invocation, erase] {
-      erase->verbose = invocation.verbose;
-      return runErase(*erase);
-    };
+    invocation.action = [erase] { return runErase(*erase); };
   });
 }
 

@@ -64,10 +64,9 @@ Outcome exportItem(const ExportOptions& options) {
   }
   const bool kmz = !options.kmz.empty();
   const std::string& target = kmz ? options.kmz : options.kml;
-  ExportProblems problems;
-  const bool written = exportKml(item.track, target, !options.noPhotos, kmz);
-  problems.report();
-  if (!written) throw CommandError(cannotWrite(target));
+  const ExportOutcome written = exportKml(item.track, target, !options.noPhotos, kmz);
+  reportWarnings(written.warnings);
+  if (!written) throw CommandError(written.reason());
   return {};
 }
 struct ConvertOptions {

@@ -11,7 +11,6 @@
 #include "kvtrack/support/Log.h"
 #include "tools/wayfolio/Commands.h"
 #include "tools/wayfolio/LibraryNames.h"
-#include "tools/wayfolio/LogReasons.h"
 
 #include <fmt/format.h>
 
@@ -143,6 +142,47 @@ bool startsBefore(const FolderSynchronizer::Record& a, const FolderSynchronizer:
   return TrackICloud::nameFromMetadata(a.metadata) < TrackICloud::nameFromMetadata(b.metadata);
 }
 
+// What a pull did, record by record.
+struct PullCounts {
+  size_t added = 0, updated = 0, unchanged = 0;
+  std::vector<std::string> failures;  // each naming its file
+};
+
+// One record whose track this library already holds: taken when newer.
+void pullKnown(const TrackLibraryPtr& library, const TrackPtr& track, const FolderSynchronizer::Record& record,
+               PullCounts& counts) {
+  if (TrackICloud::timestampFromMetadata(record.metadata) <= track->iCloudTimestamp()) {
+    ++counts.unchanged;
+    return;
+  }
+  if (const Status replaced = TrackICloud::updateLibraryFileFromiCloudFile(*track, record.trackFile); !replaced) {
+    counts.failures.push_back(replaced.reason());
+    return;
+  }
+  takeRecord(*track, record.metadata);
+  // Deliberate: a track moved on the other side moves here too.
+  const auto target = folderAt(library, TrackICloud::pathFromMetadata(record.metadata));
+  if (folderOf(*track) != target) {
+    target->moveTrackHere(track);
+    track->setMetadataDirty(false);
+  }
+  ++counts.updated;
+}
+
+// One record of a track new to this library.
+TrackPtr pullNew(const TrackLibraryPtr& library, const FolderSynchronizer::Record& record, PullCounts& counts) {
+  const auto path = TrackICloud::pathFromMetadata(record.metadata);
+  Result<TrackPtr> track = folderAt(library, path)->addTrackFromiCloudFile(
+      TrackICloud::nameFromMetadata(record.metadata), record.trackFile);
+  if (!track) {
+    counts.failures.push_back(track.reason());
+    return nullptr;
+  }
+  takeRecord(**track, record.metadata);
+  ++counts.added;
+  return *track;
+}
+
 Outcome pull(const SyncOptions& options) {
   const std::string folder = existingFolder(options.from);
   const auto synchronizer = installSynchronizer(folder);
@@ -155,53 +195,24 @@ Outcome pull(const SyncOptions& options) {
   auto records = synchronizer->records();
   std::stable_sort(records.begin(), records.end(), startsBefore);
 
-  size_t added = 0, updated = 0, unchanged = 0;
-  std::vector<std::pair<std::string, std::string>> failures;
+  PullCounts counts;
   for (const auto& record : records) {
     const auto id = TrackICloud::iCloudIdFromMetadata(record.metadata);
     if (!id || id->empty()) {
-      failures.emplace_back(record.recordFile, "the record names no iCloudId");
-      continue;
+      counts.failures.push_back(record.recordFile + ": the record names no iCloudId");
+    } else if (const auto it = known.find(*id); it != known.end()) {
+      pullKnown(library, it->second, record, counts);
+    } else if (TrackPtr added = pullNew(library, record, counts)) {
+      known[*id] = added;
     }
-    LogCapture capture;
-    const auto path = TrackICloud::pathFromMetadata(record.metadata);
-    if (const auto it = known.find(*id); it != known.end()) {
-      const TrackPtr& track = it->second;
-      if (TrackICloud::timestampFromMetadata(record.metadata) <= track->iCloudTimestamp()) {
-        ++unchanged;
-        continue;
-      }
-      if (!TrackICloud::updateLibraryFileFromiCloudFile(*track, record.trackFile)) {
-        failures.emplace_back(record.trackFile, relevantLogLine(capture, {"gzip", "Error"}));
-        continue;
-      }
-      takeRecord(*track, record.metadata);
-      // Deliberate: a track moved on the other side moves here too.
-      const auto target = folderAt(library, path);
-      if (folderOf(*track) != target) {
-        target->moveTrackHere(track);
-        track->setMetadataDirty(false);
-      }
-      ++updated;
-      continue;
-    }
-    const auto track = folderAt(library, path)->addTrackFromiCloudFile(
-        TrackICloud::nameFromMetadata(record.metadata), record.trackFile);
-    if (!track) {
-      failures.emplace_back(record.trackFile, relevantLogLine(capture, {"gzip", "Error"}));
-      continue;
-    }
-    takeRecord(*track, record.metadata);
-    known[*id] = track;
-    ++added;
   }
 
-  std::string report =
-      fmt::format("added {}, updated {}, unchanged {} tracks from {}\n", added, updated, unchanged, folder);
-  for (const auto& [file, reason] : failures) report += fmt::format("  failed: {}: {}\n", file, reason);
-  Outcome outcome = libraryChanged(added + updated > 0, std::move(report));
-  if (!failures.empty()) {
-    outcome.failure = fmt::format("{} records of {} could not be read", failures.size(), folder);
+  std::string report = fmt::format("added {}, updated {}, unchanged {} tracks from {}\n", counts.added,
+                                   counts.updated, counts.unchanged, folder);
+  for (const auto& failure : counts.failures) report += fmt::format("  failed: {}\n", failure);
+  Outcome outcome = libraryChanged(counts.added + counts.updated > 0, std::move(report));
+  if (!counts.failures.empty()) {
+    outcome.failure = fmt::format("{} records of {} could not be read", counts.failures.size(), folder);
   }
   return outcome;
 }

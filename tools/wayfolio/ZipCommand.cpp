@@ -40,12 +40,11 @@ Outcome writeArchive(const ZipOptions& options) {
   requireWholeTracks(all, "no archive was written");
   const size_t count = all.size();
 
-  ExportProblems problems;
-  const bool written = TrackLibraryArchive::createZipFile(options.archive, folders, tracks,
-                                                          options.subfolders, options.photos,
-                                                          options.kml);
-  const size_t warnings = problems.report();
-  if (!written) throw CommandError(cannotWrite(options.archive));
+  const ExportOutcome written = TrackLibraryArchive::createZipFile(options.archive, folders, tracks,
+                                                                   options.subfolders, options.photos,
+                                                                   options.kml);
+  const size_t warnings = reportWarnings(written.warnings);
+  if (!written) throw CommandError(written.reason());
   const char* kind = !options.kml ? "GPX" : options.photos ? "KMZ" : "KML";
   fmt::print("Wrote {} {} as {} to {}{}\n", count, count == 1 ? "track" : "tracks", kind,
              options.archive, warnings ? fmt::format(" ({} warnings)", warnings) : "");

@@ -7,7 +7,7 @@
 // optional "!DEL!erase command") runs a helper through the shell; anything
 // else is a gpsbabel input format, where "format#suffix" runs the executable
 // with the suffix appended (an older gpsbabel kept next to the current one).
-// Results are status numbers (see importTracksAndWaypointToFile); nothing
+// Results carry status numbers and their reasons (see TransferStatus); nothing
 // throws. Safe to use from several threads.
 
 #include "kvtrack/devices/GpsDriver.h"
@@ -24,6 +24,18 @@
 #include <vector>
 
 namespace kvtrack {
+
+/// What a download or an erase came to: the status number (0 success) and,
+/// when it failed, why, in words a person can read, with the first
+/// complaint of gpsbabel or the helper where it gave one.
+struct [[nodiscard]] TransferStatus {
+  int32_t code = 0;
+  std::string reason;
+
+  bool ok() const { return code == 0; }
+  explicit operator bool() const { return ok(); }
+  bool operator==(int32_t other) const { return code == other; }
+};
 
 class GPSBabel {
  public:
@@ -81,14 +93,14 @@ class GPSBabel {
   void correctDeviceNameWithDynamicPrefix(const std::string& prefix);
 
   // --- logger ------------------------------------------------------------------
-  /// Downloads tracks and waypoints into the GPX file (replaced). 0 on
+  /// Downloads tracks and waypoints into the GPX file (replaced). Code 0 on
   /// success; -1 settings missing or the helper wrote no file; -2 the helper
   /// wrote under 10 bytes; 1 driver unknown or failed, nothing read, or the
   /// template is too short; 2 no TMPDIR; otherwise the shell's exit status.
-  int32_t importTracksAndWaypointToFile(const std::string& gpxPath);
+  TransferStatus importTracksAndWaypointToFile(const std::string& gpxPath);
   /// Erases the logger. Status as above, and 254 when gpsbabel cannot erase
   /// loggers of this format.
-  int32_t deleteTracksAndWaypointToFile(const std::string& gpxPath);
+  TransferStatus deleteTracksAndWaypointToFile(const std::string& gpxPath);
   /// The command line that streams the live position as CSV; not run here.
   std::string getRealtimeTrackingString() const;
   /// Stops every gpsbabel this user runs (ends a hanging download).
@@ -137,11 +149,11 @@ class GPSBabel {
   std::string devicePath() const;
   /// Steps shared by download and erase: settings present, device repaired.
   std::optional<Settings> prepareDevice();
-  int32_t downloadWithDriver(const std::string& type, const std::string& gpxPath);
-  int32_t downloadWithTemplate(const std::string& type, const std::string& gpxPath);
-  int32_t downloadWithGpsbabel(const Settings& settings, const std::string& gpxPath);
-  int32_t eraseWithTemplate(const std::string& type, const std::string& gpxPath);
-  int32_t eraseWithGpsbabel(const std::string& type, const std::string& gpxPath);
+  TransferStatus downloadWithDriver(const std::string& type, const std::string& gpxPath);
+  TransferStatus downloadWithTemplate(const std::string& type, const std::string& gpxPath);
+  TransferStatus downloadWithGpsbabel(const Settings& settings, const std::string& gpxPath);
+  TransferStatus eraseWithTemplate(const std::string& type, const std::string& gpxPath);
+  TransferStatus eraseWithGpsbabel(const std::string& type, const std::string& gpxPath);
   /// Runs a conversion, logging "<prefix> <command>" and its exit status.
   static Status runConversion(const std::string& prefix, const std::string& commandLine,
                               const std::string& inputFile, const std::string& format);
