@@ -2,7 +2,8 @@
 # Installs what is missing, fuzzes the readers of outside files (GPX, the
 # library index, sync records and gzip files) for 45 s each, then builds
 # and runs the whole test suite twice: in the optimised build and under
-# AddressSanitizer + UndefinedBehaviorSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer; then the test programs of
+# the subsystems that share data between threads under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,3 +18,11 @@ for preset in default sanitize; do
   cmake --build --preset "$preset"
   ctest --preset "$preset"
 done
+
+# The tsan build of the whole suite takes as long as the sanitizer one; CI
+# runs the programs whose subsystems share data between threads.
+threaded=(support_tests model_tests library_tests photos_tests places_tests)
+echo "== tsan build (${threaded[*]})"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan --target "${threaded[@]}"
+ctest --preset tsan -L "^($(IFS='|'; echo "${threaded[*]}"))\$"

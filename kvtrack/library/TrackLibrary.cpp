@@ -18,10 +18,22 @@ namespace kvtrack {
 namespace {
 using Lock = std::lock_guard<const TrackLibraryFolder>;
 
-// Never destroyed: a library must not try to save itself while the process
-// tears down the objects it needs. Hosts save with releaseSingleton().
-std::mutex& registryMutex = *new std::mutex;
-TrackLibraryPtr& registered = *new TrackLibraryPtr;
+// The registered library. Hosts save it with releaseSingleton(); one still
+// registered when the process ends goes without saving, because saving then
+// could reach objects the process has already torn down.
+struct Registry {
+  std::mutex mutex;
+  TrackLibraryPtr library;
+
+  ~Registry() {
+    if (library) library->setReadOnly(true);
+  }
+};
+
+Registry& registry() {
+  static Registry instance;
+  return instance;
+}
 
 TrackPtr collection(const char* name, const char* filename) {
   auto track = Track::trackWithName(name);
@@ -73,18 +85,20 @@ TrackLibraryPtr TrackLibrary::singleton() {
 }
 
 TrackLibraryPtr TrackLibrary::current() {
-  std::lock_guard lock(registryMutex);
-  return registered;
+  Registry& registered = registry();
+  std::lock_guard lock(registered.mutex);
+  return registered.library;
 }
 
 TrackLibraryPtr TrackLibrary::trackLibraryWithFileHandling(FileHandling& fileHandling) {
   auto library = std::make_shared<TrackLibrary>(fileHandling);
   TrackLibraryPtr previous;
   {
-    std::lock_guard lock(registryMutex);
-    if (registered) logLine("internal error: more than one TrackLibrary allocated!");
-    previous = std::move(registered);
-    registered = library;
+    Registry& registered = registry();
+    std::lock_guard lock(registered.mutex);
+    if (registered.library) logLine("internal error: more than one TrackLibrary allocated!");
+    previous = std::move(registered.library);
+    registered.library = library;
   }
   previous.reset();  // saves the old library before the new one takes over the store
   TrackStore::setShared(library->store_);
@@ -96,8 +110,9 @@ TrackLibraryPtr TrackLibrary::trackLibraryWithFileHandling(FileHandling& fileHan
 void TrackLibrary::releaseSingleton() {
   TrackLibraryPtr previous;
   {
-    std::lock_guard lock(registryMutex);
-    previous = std::move(registered);
+    Registry& registered = registry();
+    std::lock_guard lock(registered.mutex);
+    previous = std::move(registered.library);
   }
 }
 

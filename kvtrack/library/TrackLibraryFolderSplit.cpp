@@ -32,8 +32,8 @@ void finish(const std::string& name, std::initializer_list<Track*> parts) {
 void keepUpTo(Track& track, size_t visited) {
   if (visited == 0) return;
   std::lock_guard<Track> lock(track);
-  auto& points = track.trackPoints();
-  points.resize(points.size() - (visited - 1));
+  const auto points = track.trackPoints();
+  points->resize(points.size() - (visited - 1));
 }
 
 }  // namespace

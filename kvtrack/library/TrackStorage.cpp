@@ -3,6 +3,7 @@
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/library/ICloudSynchronizer.h"
 #include "kvtrack/library/TrackLibrary.h"
+#include "kvtrack/model/TrackPhoto.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
@@ -49,10 +50,21 @@ std::string damageOf(const std::string& filename, const Status& read, int32_t in
                      invalidPositions);
 }
 
+// Photos follow their files through the bookmarks; a renewed bookmark
+// makes the track dirty, so that it is saved.
+void refreshPhotoBookmarks(Track& track) {
+  bool renewed = false;
+  for (const TrackPointPtr& point : track.trackPoints()) {
+    for (const auto& photo : point->trackPhotos()) renewed = photo->updatePathFromBookmark() || renewed;
+  }
+  if (renewed) track.makeDirty();
+}
+
 void finishLoading(Track& track) {
   track.setIsDirty(false);
   track.setIsLoaded(true);
   track.setMetadataDirty(false);
+  refreshPhotoBookmarks(track);
   track.updateAll();
 }
 

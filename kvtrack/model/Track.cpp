@@ -75,10 +75,15 @@ Status Track::saveToLibraryWithExternalGPX() {
   return store ? store->saveTrackWithExternalGPX(*this) : Status();
 }
 
-std::vector<TrackPointPtr>& Track::trackPoints() {
-  Lock lock(*this);
+TrackPoints Track::trackPoints() {
+  TrackPoints points(*this, trackPoints_);
   loadFromLibrary();
-  return trackPoints_;
+  return points;
+}
+
+void Track::setTrackPoints(std::vector<TrackPointPtr> points) {
+  Lock lock(*this);
+  trackPoints_ = std::move(points);
 }
 
 size_t Track::loadedPointCount() const {
@@ -164,9 +169,9 @@ void Track::deleteTrackPoint(TrackPoint* point) {
 void Track::deletePointInTrack(const PointInTrack& position) {
   // The first point (index 0) is deliberately never deleted this way.
   if (!position.track || position.index < 1) return;
-  auto& points = position.track->trackPoints();
+  const TrackPoints points = position.track->trackPoints();
   if (static_cast<size_t>(position.index) >= points.size()) return;
-  points.erase(points.begin() + position.index);
+  points->erase(points.begin() + position.index);
   position.track->makeDirty();
 }
 

@@ -4,9 +4,9 @@
 //
 // Each track is its own recursive lock (Track meets the Lockable
 // requirements): every operation that reads or changes the point list
-// takes it for its whole run, and callers that walk trackPoints() hold it
-// with std::lock_guard<Track>. Points are read from the library on first
-// use (loadFromLibrary); the statistic getters never load.
+// takes it for its whole run, and trackPoints() hands out a view that holds
+// it for as long as the view lives. Points are read from the library on
+// first use (loadFromLibrary); the statistic getters never load.
 // Units: kilometres for lengths, km/h for speeds, metres for elevations and
 // corridor widths, seconds for durations, minutes for time-zone offsets.
 
@@ -26,6 +26,7 @@
 namespace kvtrack {
 
 class TrackFolder;
+class TrackPoints;
 
 /// Line colour, components 0..1.
 struct Color {
@@ -62,10 +63,10 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   bool try_lock() const { return mutex_.try_lock(); }
 
   // --- point list ------------------------------------------------------------
-  /// The live list (loads first). Hold the track's lock while using it.
-  std::vector<TrackPointPtr>& trackPoints();
-  /// Replaces the list; no lock, no dirty mark.
-  void setTrackPoints(std::vector<TrackPointPtr> points) { trackPoints_ = std::move(points); }
+  /// The live list (loaded first), locked for as long as the view lives.
+  TrackPoints trackPoints();
+  /// Replaces the list; no dirty mark.
+  void setTrackPoints(std::vector<TrackPointPtr> points);
   /// Number of points in memory, without loading.
   size_t loadedPointCount() const;
   /// Number of points without loading: those in memory once loaded, else
@@ -291,6 +292,34 @@ class Track : public NamedAndTimedObject, public std::enable_shared_from_this<Tr
   bool iCloudIsUploading_ = false;
   double iCloudTimestamp_ = 0.0;
   std::optional<std::string> damage_;
+};
+
+/// A track's point list, with the track's lock held while the view lives:
+/// range-for over it, index it, or change the list through -> and *.
+/// Keep it no longer than needed; other threads wait for it.
+class TrackPoints {
+ public:
+  using List = std::vector<TrackPointPtr>;
+
+  TrackPoints(TrackPoints&&) noexcept = default;
+  TrackPoints& operator=(TrackPoints&&) noexcept = default;
+
+  List::iterator begin() const { return points_->begin(); }
+  List::iterator end() const { return points_->end(); }
+  size_t size() const { return points_->size(); }
+  bool empty() const { return points_->empty(); }
+  const TrackPointPtr& operator[](size_t index) const { return (*points_)[index]; }
+  const TrackPointPtr& front() const { return points_->front(); }
+  const TrackPointPtr& back() const { return points_->back(); }
+  List& operator*() const { return *points_; }
+  List* operator->() const { return points_; }
+
+ private:
+  friend class Track;
+  TrackPoints(const Track& track, List& points) : lock_(track), points_(&points) {}
+
+  std::unique_lock<const Track> lock_;
+  List* points_;
 };
 
 using TrackPtr = std::shared_ptr<Track>;

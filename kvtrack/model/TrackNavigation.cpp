@@ -25,7 +25,7 @@ PointInTrack endCarrying(const PointInTrack& from) {
 PointInTrack positionAt(const PointInTrack& from, int64_t i) {
   if (!from.track || i < 0) return endCarrying(from);
   Lock lock(*from.track);
-  const auto& points = from.track->trackPoints();
+  const auto points = from.track->trackPoints();
   if (i >= static_cast<int64_t>(points.size())) return endCarrying(from);
   return {from.track, points[static_cast<size_t>(i)].get(), static_cast<int32_t>(i),
           from.relativeDistance};
@@ -50,7 +50,7 @@ PointInTrack Track::previousPointInTrack(const PointInTrack& position, int32_t s
 PointInTrack Track::nextWayPointInTrack(const PointInTrack& position) {
   if (!position.track) return endCarrying(position);
   Lock lock(*position.track);
-  const auto& points = position.track->trackPoints();
+  const auto points = position.track->trackPoints();
   for (int64_t i = static_cast<int64_t>(position.index) + 1;
        i < static_cast<int64_t>(points.size()); ++i) {
     if (i >= 0 && points[static_cast<size_t>(i)]->isWayPoint()) return positionAt(position, i);
@@ -61,7 +61,7 @@ PointInTrack Track::nextWayPointInTrack(const PointInTrack& position) {
 PointInTrack Track::previousWayPointInTrack(const PointInTrack& position) {
   if (!position.track) return endCarrying(position);
   Lock lock(*position.track);
-  const auto& points = position.track->trackPoints();
+  const auto points = position.track->trackPoints();
   const int64_t start = std::min<int64_t>(position.index, static_cast<int64_t>(points.size())) - 1;
   for (int64_t i = start; i >= 0; --i) {
     if (points[static_cast<size_t>(i)]->isWayPoint()) return positionAt(position, i);

@@ -1,7 +1,7 @@
 #include "kvtrack/model/TrackPhoto.h"
 
 #include "kvtrack/model/TrackPoint.h"
-#include "kvtrack/support/Base64.h"
+#include "kvtrack/support/KvSandbox.h"
 
 #include <filesystem>
 #include <mutex>
@@ -54,7 +54,26 @@ void TrackPhoto::updateBookmarkFromPath() {
   if (filepath_.empty() || (base64Bookmark_ && !base64Bookmark_->empty())) return;
   std::error_code error;
   if (!std::filesystem::exists(filepath_, error)) return;  // no file, nothing to point at
-  base64Bookmark_ = base64Encode(filepath_);
+  base64Bookmark_ = KvSandbox::singleton().base64bookmarkForFile(filepath_);
+}
+
+bool TrackPhoto::updatePathFromBookmark() {
+  if (!base64Bookmark_ || base64Bookmark_->empty()) return false;
+  securityScopeURL_.reset();
+  bool stale = false;
+  std::optional<std::string> url = KvSandbox::singleton().urlForBase64Bookmark(*base64Bookmark_, stale);
+  if (!url) return false;
+  securityScopeURL_ = url;
+  // A file URL's path; plain paths pass unchanged.
+  constexpr std::string_view scheme = "file://";
+  const std::string path = url->starts_with(scheme) ? url->substr(scheme.size()) : *url;
+  std::error_code error;
+  if (path.empty() || !std::filesystem::exists(path, error)) return false;
+  filepath_ = path;
+  if (!stale) return false;
+  base64Bookmark_.reset();
+  updateBookmarkFromPath();
+  return true;
 }
 
 }  // namespace kvtrack

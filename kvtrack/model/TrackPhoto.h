@@ -54,9 +54,13 @@ class TrackPhoto {
   void setSecurityScopeURL(std::optional<std::string> v) { securityScopeURL_ = std::move(v); }
   bool securityScopeURLStarted() const { return securityScopeURLStarted_; }
   void setSecurityScopeURLStarted(bool v) { securityScopeURLStarted_ = v; }
-  /// Makes the bookmark from the path when there is none yet and the file
-  /// exists. Outside a sandbox a bookmark is the base64 text of the path.
+  /// Makes the bookmark from the path through KvSandbox when there is none
+  /// yet and the file exists.
   void updateBookmarkFromPath();
+  /// Follows the bookmark to the file (the path follows a moved file); true
+  /// only when the bookmark was stale and has been renewed, so that the
+  /// caller saves the track.
+  bool updatePathFromBookmark();
 
   const std::optional<std::string>& city() const { return city_; }
   void setCity(std::optional<std::string> v) { city_ = std::move(v); }

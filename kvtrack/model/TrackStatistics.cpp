@@ -86,7 +86,7 @@ void Track::updateProperties() {
 
 void Track::updateSpeeds() {
   Lock lock(*this);
-  auto& points = trackPoints();
+  const auto points = trackPoints();
   const size_t n = points.size();
   if (n == 0) return;
   if (type_ == kPlaceCollection) {
@@ -140,7 +140,7 @@ void Track::updateSpeeds() {
 
 double Track::calcLength() {
   Lock lock(*this);
-  auto& points = trackPoints();
+  const auto points = trackPoints();
   if (points.empty()) return 0.0;
   points[0]->setLength(0.0);
   double total = 0.0;

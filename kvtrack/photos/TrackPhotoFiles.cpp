@@ -104,7 +104,7 @@ std::string filepath(TrackPhoto& photo) {
   const std::string& stored = photo.originalFilepath();
   if (fileExists(stored)) return stored;
   if (!stored.empty()) {
-    updatePathFromBookmark(photo);
+    photo.updatePathFromBookmark();
     if (fileExists(photo.originalFilepath())) return photo.originalFilepath();
   }
   if (auto copy = iCloudFilepath(photo)) return *copy;
@@ -127,33 +127,11 @@ void setHostBundleIdentifier(std::string identifier) {
   hostBundleIdentifier = std::move(identifier);
 }
 
-void updateBookmarkFromPath(TrackPhoto& photo) {
-  const std::string& path = photo.originalFilepath();
-  if (path.empty() || nonEmpty(photo.base64Bookmark()) || !fileExists(path)) return;
-  photo.setBase64Bookmark(KvSandbox::singleton().base64bookmarkForFile(path));
-}
-
-bool updatePathFromBookmark(TrackPhoto& photo) {
-  if (!nonEmpty(photo.base64Bookmark())) return false;
-  photo.setSecurityScopeURL(std::nullopt);
-  bool stale = false;
-  auto url = KvSandbox::singleton().urlForBase64Bookmark(*photo.base64Bookmark(), stale);
-  if (!url) return false;
-  photo.setSecurityScopeURL(url);
-  const std::string path = pathOfURL(*url);
-  if (!fileExists(path)) return false;
-  photo.setFilepath(path);
-  if (!stale) return false;
-  photo.setBase64Bookmark(std::nullopt);
-  updateBookmarkFromPath(photo);
-  return true;
-}
-
 void startAccessingSecurityScopedResource(TrackPhoto& photo) {
   if (photo.securityScopeURLStarted()) return;
   KvSandbox& sandbox = KvSandbox::singleton();
   if (sandbox.isSandboxed() && photo.securityScopeURL()) {
-    updatePathFromBookmark(photo);
+    photo.updatePathFromBookmark();
     const auto& url = photo.securityScopeURL();
     if (url && sandbox.canAccessURL(*url)) {
       sandbox.startAccessingURL(*url);

@@ -28,12 +28,6 @@ std::string filepathWithoutContainer(TrackPhoto& photo);
 /// The bundle identifier in that infix ("/Library/Containers/<id>/Data").
 void setHostBundleIdentifier(std::string identifier);
 
-/// A bookmark from the path through KvSandbox, when there is none yet and
-/// the file exists.
-void updateBookmarkFromPath(TrackPhoto& photo);
-/// Follows the bookmark to the file; true only when the bookmark was stale
-/// and has been renewed (the caller then saves the track).
-bool updatePathFromBookmark(TrackPhoto& photo);
 void startAccessingSecurityScopedResource(TrackPhoto& photo);
 void stopAccessingSecurityScopedResource(TrackPhoto& photo);
 

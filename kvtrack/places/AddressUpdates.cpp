@@ -36,7 +36,7 @@ Status updateAddressInformationWithService(TrackPoint& point, GISServiceConvertL
 
 Status updateAddressInformationWithService(Track& track, GISServiceConvertLocation& service) {
   std::lock_guard<Track> lock(track);
-  const auto& points = track.trackPoints();
+  const auto points = track.trackPoints();
   for (size_t i = 0; i < points.size(); ++i) {
     if (Status updated = updateAddressInformationWithService(*points[i], service); !updated) {
       return updated.prefixed(fmt::format("point {} of {}", i + 1, points.size()));

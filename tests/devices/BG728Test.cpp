@@ -64,7 +64,7 @@ class BG728Test : public ::testing::Test {
   static void expectSamplePoints(const TrackPtr& track, int count) {
     ASSERT_EQ(track->loadedPointCount(), static_cast<std::size_t>(count));
     const auto expected = samplePoints(count);
-    auto& points = track->trackPoints();
+    const auto points = track->trackPoints();
     for (int i = 0; i < count; ++i) {
       const auto& p = points[static_cast<std::size_t>(i)];
       const auto& e = expected[static_cast<std::size_t>(i)];
@@ -90,7 +90,7 @@ TEST_F(BG728Test, DownloadsEveryPointInTheLoggersTimezone) {
   expectSamplePoints(track, 3);
 
   // The logger's times carry no zone; its time zone only changes how they are shown.
-  auto& points = track->trackPoints();
+  const auto points = track->trackPoints();
   EXPECT_TRUE(points[0]->time()->isEqualToDate(utc("2024-03-15T13:05:09")));
   EXPECT_TRUE(points[2]->time()->isEqualToDate(utc("2099-12-31T23:59:59")));
   for (const auto& p : points) EXPECT_EQ(p->time()->timezoneOffset(), 120);

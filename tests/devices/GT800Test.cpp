@@ -140,7 +140,7 @@ TEST_F(GT800Test, DownloadSplitsTracksAndDecodesEveryField) {
 
   const TrackPtr first = (*tracks)[0];
   ASSERT_EQ(first->loadedPointCount(), 3u);
-  const auto& p = first->trackPoints();
+  const auto p = first->trackPoints();
   EXPECT_DOUBLE_EQ(p[0]->latitude(), 48.1234567);
   EXPECT_DOUBLE_EQ(p[0]->longitude(), 11.5678901);
   EXPECT_EQ(p[0]->elevation(), 520.0);  // 520.49 m truncated
@@ -186,7 +186,7 @@ TEST_F(GT800Test, YearsAndTimeZone) {
   auto tracks = download();
   ASSERT_TRUE(tracks.has_value());
   ASSERT_EQ(tracks->size(), 1u);
-  const auto& p = tracks->front()->trackPoints();
+  const auto p = tracks->front()->trackPoints();
   ASSERT_EQ(p.size(), 2u);
   EXPECT_EQ(p[0]->time()->calendarDate().year, year - 15);
   EXPECT_EQ(p[1]->time()->microsecondsSince1970(),

@@ -114,7 +114,7 @@ TEST_F(IGotUTest, DownloadSendsTheFramesAndDecodesEveryField) {
   ASSERT_EQ(tracks->size(), 1u);
   const TrackPtr track = tracks->front();
   ASSERT_EQ(track->loadedPointCount(), 3u);
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   EXPECT_DOUBLE_EQ(p[0]->latitude(), 48.1234567);
   EXPECT_DOUBLE_EQ(p[0]->longitude(), 11.5678901);
   EXPECT_DOUBLE_EQ(p[0]->elevation(), 520.49);
@@ -190,7 +190,7 @@ TEST_F(IGotUTest, YearsComeFromTheSixteenYearCycle) {
   logger_.setRecords(records);
   auto tracks = download();
   ASSERT_TRUE(tracks.has_value());
-  const auto& p = tracks->front()->trackPoints();
+  const auto p = tracks->front()->trackPoints();
   ASSERT_EQ(p.size(), records.size());
   EXPECT_EQ(p.front()->time()->calendarDate().year, year);
   if (later > 0) {

@@ -117,7 +117,7 @@ TEST_F(TrackKMLTest, DocumentReadsInGdalAndGpsbabel) {
 
 TEST_F(TrackKMLTest, KmzHoldsScaledPhotosNumberedAcrossTheTrack) {
   auto track = sampleTrack();
-  const auto& points = track->trackPoints();
+  const auto points = track->trackPoints();
   attach(points[0], image("big.jpg", 4000, 3000, {"DateTimeOriginal=2012:05:01 12:00:30",
                                                    "Make=Testcam"}));
   attach(points[0], scratch.file("missing.jpg"));

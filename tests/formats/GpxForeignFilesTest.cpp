@@ -49,7 +49,7 @@ TEST_P(GpsbabelFiles, TrackWaypointsAndSegmentsReadBack) {
   auto track = Track::track();
   ASSERT_TRUE(TrackGPX(track).importFrom(converted));
   EXPECT_EQ(track->name(), "Morning run");
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   ASSERT_EQ(p.size(), 3u);
   EXPECT_EQ(p[0]->latitude(), 47.3769);
   EXPECT_EQ(p[1]->longitude(), 8.5425);

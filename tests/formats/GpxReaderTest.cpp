@@ -53,7 +53,7 @@ TEST(GpxReading, SegmentsRoutesAndWaypointNames) {
     <trk><trkseg><trkpt lat="1" lon="1"/><trkpt lat="2" lon="2"/></trkseg>
          <trkseg><trkpt lat="3" lon="3"><name>WP12</name></trkpt>
                  <trkpt lat="4" lon="4"><name>Hut</name></trkpt></trkseg></trk>)"));
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   ASSERT_EQ(p.size(), 4u);
   EXPECT_FALSE(p[0]->isEndOfSegment());
   EXPECT_TRUE(p[1]->isEndOfSegment());
@@ -67,7 +67,7 @@ TEST(GpxReading, SegmentsRoutesAndWaypointNames) {
   auto route = read(folder, gpx(R"(
     <rte><name>Tour</name><rtept lat="1" lon="1"><name>Start</name></rtept>
          <rtept lat="2" lon="2"></rtept><rtept lat="3" lon="3"><name></name></rtept></rte>)"));
-  const auto& r = route->trackPoints();
+  const auto r = route->trackPoints();
   ASSERT_EQ(r.size(), 3u);
   EXPECT_TRUE(r[0]->isWayPoint());
   EXPECT_EQ(r[0]->name(), "Start");
@@ -96,7 +96,7 @@ TEST(GpxReading, InvalidPositionsSkipPointsAndBadNumbersBecomeNaN) {
   TrackGPX reader(*track);
   ASSERT_TRUE(reader.importFrom(path));
   EXPECT_EQ(reader.invalidPositionCount(), 9);
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   ASSERT_EQ(p.size(), 2u);
   EXPECT_EQ(p[0]->latitude(), 47.0);
   EXPECT_TRUE(std::isnan(p[0]->elevation()));
@@ -120,7 +120,7 @@ TEST(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
       <trkpt lat="47.4" lon="8.4"><time>2012-05-01T10:00:00Z</time></trkpt>
       <trkpt lat="47.5" lon="8.5"><time>2012-05-01T10:00:10Z</time></trkpt>
     </trkseg></trk>)"));
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   ASSERT_EQ(p.size(), 2u);
   EXPECT_TRUE(p[1]->isWayPoint());
   EXPECT_EQ(p[1]->name(), "Summit");  // every waypoint field: see the round-trip tests
@@ -177,7 +177,7 @@ TEST(GpxReading, ExternalTrackPointFileAndIndexedPoints) {
       <trkseg><trkpt index="1"><extensions><wayfolio:photo filename="/p.jpg"/></extensions></trkpt>
               <trkpt index="3"><extensions><wayfolio:photo filename="/q.jpg"/></extensions></trkpt>
               <trkpt index="-1"/></trkseg></trk>)"));
-  const auto& p = track->trackPoints();
+  const auto p = track->trackPoints();
   ASSERT_EQ(p.size(), 3u);  // reading stops at the first line without any number
   EXPECT_NEAR(p[0]->latitude(), 47.1, 1e-5);
   EXPECT_EQ(p[0]->latitude(), static_cast<double>(47.1f));  // single precision, deliberately

@@ -47,7 +47,8 @@ void expectSameTrack(Track& a, Track& b) {
             std::tuple(b.name(), b.description(), b.tags(), b.color(), b.width(), b.showArea(),
                        b.areaDistanceInMeter(), b.showDirectionArrows(), b.syncPhotosOniPhone(),
                        b.timezoneOffset()));
-  const auto &pa = a.trackPoints(), &pb = b.trackPoints();
+  const auto pa = a.trackPoints();
+  const auto pb = b.trackPoints();
   ASSERT_EQ(pa.size(), pb.size());
   for (size_t i = 0; i < pa.size(); ++i) {
     const TrackPoint &x = *pa[i], &y = *pb[i];

@@ -93,7 +93,7 @@ TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
   ASSERT_TRUE(library->importGPX(caches, configuration));
   EXPECT_TRUE(library->tracks().empty());
   EXPECT_EQ(configuration.filedGeocacheCounter(), 2);
-  const auto& collection = library->geocacheTrack()->trackPoints();
+  const auto collection = library->geocacheTrack()->trackPoints();
   ASSERT_EQ(collection.size(), 2u);
   ASSERT_TRUE(collection[0]->geocache());
   EXPECT_EQ(collection[0]->geocache()->name, "Lake view");

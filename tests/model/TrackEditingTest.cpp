@@ -73,7 +73,7 @@ TEST(TrackEditing, SortedInsertMergesPointsAtTheSameTime) {
   auto first = TrackPoint::trackPointWithParent(&track);
   first->setTime(at("2012-05-01T09:00:00Z"));
   track.addTrackPointSorted(first);
-  EXPECT_EQ(track.trackPoints(), (std::vector<TrackPointPtr>{first, a, waypoint, b, c, last}));
+  EXPECT_EQ(*track.trackPoints(), (std::vector<TrackPointPtr>{first, a, waypoint, b, c, last}));
 }
 
 TEST(TrackEditing, NamedInsertMergesByExactName) {
@@ -117,7 +117,7 @@ TEST(TrackEditing, InsertingAfterDeletingAndStripping) {
   Track::deletePointInTrack({&track, nullptr, 99, -1});  // out of range: nothing
   // Every occurrence of a point goes.
   auto twice = track.trackPoints()[1];
-  track.trackPoints().push_back(twice);
+  track.trackPoints()->push_back(twice);
   track.setIsDirty(false);
   track.deleteTrackPoint(twice.get());
   EXPECT_EQ(track.trackPoints().size(), 3u);

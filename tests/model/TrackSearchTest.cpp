@@ -131,7 +131,7 @@ TEST(Navigation, StepsEndAndCarryTheDistance) {
   EXPECT_EQ(Track::previousWayPointInTrack(p).index, 3);
   EXPECT_TRUE(Track::previousWayPointInTrack(track.firstPointInTrack()).isEnd());
 
-  const auto& points = track.trackPoints();
+  const auto points = track.trackPoints();
   EXPECT_EQ(track.nextPoint(points[1].get()), points[2]);
   EXPECT_EQ(track.previousPoint(points[1].get()), points[0]);
   EXPECT_EQ(track.nextPoint(points[4].get()), nullptr);

@@ -121,7 +121,7 @@ TEST(Speeds, DenseSamplingIsSmoothedOverTheMinimumInterval) {
   Track track;
   for (int i = 0; i < 7; ++i) addTimedPoint(track, i * 0.5, 47.0 + i * 0.001, 8.0);
   track.updateSpeeds();
-  const auto& p = track.trackPoints();
+  const auto p = track.trackPoints();
   const auto speedOver = [&](int from, int to) {
     return p[from]->distanceToTrackPoint(*p[to]) / (p[to]->time()->timeIntervalSinceDate(*p[from]->time())) * 3600;
   };
@@ -138,14 +138,14 @@ TEST(Speeds, ShortLastIntervalRepeatsTheLastSpeedAndPreferenceWidensTheSpan) {
   Track track;
   for (double t : {0.0, 10.0, 20.0, 20.5}) addTimedPoint(track, t, 47.0 + t * 0.0001, 8.0);
   track.updateSpeeds();
-  const auto& p = track.trackPoints();
+  const auto p = track.trackPoints();
   EXPECT_DOUBLE_EQ(p[3]->speed(), p[2]->speed());
 
   KvPreferences::singleton().setMinIntervalSpeedCalculation(15);
   Track wide;
   for (int i = 0; i < 5; ++i) addTimedPoint(wide, i * 10.0, 47.0 + i * 0.001, 8.0);
   wide.updateSpeeds();
-  const auto& w = wide.trackPoints();
+  const auto w = wide.trackPoints();
   EXPECT_EQ(w[1]->speed(), 0.0);   // 10 s < 15 s with the first point as reference
   EXPECT_EQ(w[2]->speed(), -1.0);  // 10 s from point 1: kept
   EXPECT_DOUBLE_EQ(w[3]->speed(), w[1]->distanceToTrackPoint(*w[3]) / 20 * 3600);
@@ -166,7 +166,7 @@ TEST(Lengths, LegsAndTotalUseTheOneFormula) {
   for (int i = 0; i < 500; ++i) addPoint(track, lat(random), lon(random));
   track.updateLength();
   double total = 0;
-  const auto& p = track.trackPoints();
+  const auto p = track.trackPoints();
   for (size_t k = 1; k < p.size(); ++k) {
     const double leg = TrackPoint::distanceFromLatitude(p[k]->latitude(), p[k]->longitude(),
                                                         p[k - 1]->latitude(), p[k - 1]->longitude());

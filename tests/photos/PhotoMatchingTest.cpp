@@ -84,7 +84,7 @@ TEST_F(PhotoMatchingTest, OutsidePhotosGetNewPointsAtTheEnds) {
   EXPECT_EQ(importPhotos(*track, {early, late}, 0, nullptr), 0);
 
   addPhotosToBeginningOrEndOfTrack(*track, {early, late, middle});
-  const auto& points = track->trackPoints();
+  const auto points = track->trackPoints();
   ASSERT_EQ(points.size(), 6u);
   EXPECT_EQ(pathsOn(*points.front()), std::vector<std::string>{"early.jpg"});
   EXPECT_EQ(points.front()->time(), at("2012-05-01T09:59:00+02:00"));
@@ -228,7 +228,7 @@ TEST_F(PhotoMatchingTest, HostHooksRenewBookmarksAndServeSynchronisedCopies) {
   TrackPhoto record(scratch.file("gone.jpg"));
   record.setBase64Bookmark(base64Encode(moved));
   KvSandbox::setSingleton(std::make_shared<StaleSandbox>());
-  EXPECT_TRUE(TrackPhotos::updatePathFromBookmark(record));
+  EXPECT_TRUE(record.updatePathFromBookmark());
   KvSandbox::setSingleton(nullptr);
   EXPECT_EQ(record.base64Bookmark(), "renewed:" + moved);
   EXPECT_EQ(record.originalFilepath(), moved);

@@ -32,7 +32,7 @@ std::optional<int> number(std::string_view text) {
 // A 0-based point index, or a time that picks the nearest point.
 size_t pointIndex(Track& track, const std::string& at) {
   std::lock_guard<Track> lock(track);
-  const auto& points = track.trackPoints();
+  const auto points = track.trackPoints();
   if (points.empty()) throw CommandError(fmt::format("track '{}' has no points", track.name()));
   if (allDigits(at)) {
     const auto index = number(at);
@@ -66,7 +66,7 @@ Outcome split(const std::string& text, const std::string& at, const std::string&
   std::vector<PointInTrack> positions;
   {
     std::lock_guard<Track> lock(*track);
-    const auto& points = track->trackPoints();
+    const auto points = track->trackPoints();
     for (const size_t index : indexes) {
       // A part needs two points; the split point belongs to both parts.
       if (index == 0 || index + 1 >= points.size()) {

@@ -117,7 +117,7 @@ Outcome points(const std::string& text) {
                    {"NAME", Align::kLeft}});
   {
     std::lock_guard<Track> lock(*track);
-    const auto& list = track->trackPoints();
+    const auto list = track->trackPoints();
     for (size_t i = 0; i < list.size(); ++i) {
       const TrackPoint& point = *list[i];
       std::string flags;

@@ -50,19 +50,10 @@ std::shared_ptr<TrackCSV> TrackCSV::trackCSVWithTrack(std::shared_ptr<Track> tra
   return std::make_shared<TrackCSV>(std::move(track));
 }
 
-Status TrackCSV::exportTo(const std::string& path) {
-  const Units units = unitsForMode(
-      KvPreferences::singleton().unitMode().value_or(KvPreferences::kUnitModeMetric));
-  // Up to 10 decimals (about 0.01 mm in degrees) keep every recorded digit
-  // without binary noise; no grouping, so spreadsheets read the values back.
-  const auto numbers = icu::number::NumberFormatter::withLocale(icu::Locale::getDefault())
-                           .precision(icu::number::Precision::maxFraction(10))
-                           .grouping(UNUM_GROUPING_OFF);
-  const auto number = [&numbers](double value) {
-    UErrorCode status = U_ZERO_ERROR;
-    return numbers.formatDouble(value, status).toString(status);
-  };
+namespace {
 
+// The title line, in the user's language and units.
+icu::UnicodeString titleLine(const Units& units) {
   icu::UnicodeString text;
   const auto title = [&text](const char* english) { text += utf16(localizedString(english)); };
   title("Index");
@@ -83,31 +74,43 @@ Status TrackCSV::exportTo(const std::string& path) {
   text += u';';
   title("Name");
   text += u'\n';
+  return text;
+}
 
-  if (track_) {
-    std::lock_guard<Track> lock(*track_);
-    int index = 0;
-    for (const TrackPointPtr& point : track_->trackPoints()) {
-      text += utf16(std::to_string(++index));
-      text += u';';
-      if (const auto time = point->time()) text += utf16(time->descriptionForGui());
-      text += u';';
-      text += number(point->latitude());
-      text += u';';
-      text += number(point->longitude());
-      text += u';';
-      text += number(units.convertElevation(point->elevation()));
-      text += u';';
-      text += number(units.convertSpeed(point->speed()));
-      text += u';';
-      if (point->isWayPoint()) text += u'x';
-      text += u';';
-      if (const auto& name = point->name()) text += utf16(*name);
-      text += u'\n';
-    }
+// One line per point, numbers in the user's locale.
+void appendPointLines(Track& track, const Units& units, icu::UnicodeString& text) {
+  // Up to 10 decimals (about 0.01 mm in degrees) keep every recorded digit
+  // without binary noise; no grouping, so spreadsheets read the values back.
+  const auto numbers = icu::number::NumberFormatter::withLocale(icu::Locale::getDefault())
+                           .precision(icu::number::Precision::maxFraction(10))
+                           .grouping(UNUM_GROUPING_OFF);
+  const auto number = [&numbers](double value) {
+    UErrorCode status = U_ZERO_ERROR;
+    return numbers.formatDouble(value, status).toString(status);
+  };
+  int index = 0;
+  for (const TrackPointPtr& point : track.trackPoints()) {
+    text += utf16(std::to_string(++index));
+    text += u';';
+    if (const auto time = point->time()) text += utf16(time->descriptionForGui());
+    text += u';';
+    text += number(point->latitude());
+    text += u';';
+    text += number(point->longitude());
+    text += u';';
+    text += number(units.convertElevation(point->elevation()));
+    text += u';';
+    text += number(units.convertSpeed(point->speed()));
+    text += u';';
+    if (point->isWayPoint()) text += u'x';
+    text += u';';
+    if (const auto& name = point->name()) text += utf16(*name);
+    text += u'\n';
   }
+}
 
-  // UTF-16 little-endian after the byte-order mark FF FE.
+// UTF-16 little-endian after the byte-order mark FF FE.
+std::string utf16LittleEndian(const icu::UnicodeString& text) {
   std::string bytes;
   bytes.reserve(2 + 2 * static_cast<size_t>(text.length()));
   bytes.push_back(static_cast<char>(0xFF));
@@ -117,7 +120,17 @@ Status TrackCSV::exportTo(const std::string& path) {
     bytes.push_back(static_cast<char>(unit & 0xFF));
     bytes.push_back(static_cast<char>(unit >> 8));
   }
-  return writeFileAtomically(path, bytes);
+  return bytes;
+}
+
+}  // namespace
+
+Status TrackCSV::exportTo(const std::string& path) {
+  const Units units = unitsForMode(
+      KvPreferences::singleton().unitMode().value_or(KvPreferences::kUnitModeMetric));
+  icu::UnicodeString text = titleLine(units);
+  if (track_) appendPointLines(*track_, units, text);
+  return writeFileAtomically(path, utf16LittleEndian(text));
 }
 
 }  // namespace kvtrack

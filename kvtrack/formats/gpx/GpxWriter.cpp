@@ -329,7 +329,7 @@ XmlNamespace setUpRoot(XmlElement root, bool useGPX10) {
 void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
                         GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
   std::lock_guard<Track> lock(track);
-  const std::vector<TrackPointPtr>& points = track.trackPoints();
+  const auto points = track.trackPoints();
   const bool route = track.type() == Track::kPlaceCollection;
   if (waypointsOnly) {
     if (route) return;  // a route's points are its own, never separate waypoints
@@ -342,13 +342,13 @@ void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
   XmlElement element = parent.addChild(route ? "rte" : "trk");
   element.addChild("name", track.name());
   addOptionalChild(element, "desc", track.description());
-  appendTrackExtensions(element, track, points, configuration, wayfolio);
+  appendTrackExtensions(element, track, *points, configuration, wayfolio);
   // Geocache and library collections consist of waypoints only.
   if (track.type() >= Track::kGeocacheCollection) return;
 
   if (const auto& externalFile = configuration.exportTrackPointsInExternalFile()) {
     // The text file carries the positions; the GPX keeps the photo points.
-    writeExternalTrackPoints(*externalFile, points);
+    writeExternalTrackPoints(*externalFile, *points);
     XmlElement container = route ? element : element.addChild("trkseg");
     for (size_t i = 0; i < points.size(); ++i) {
       if (!points[i]->hasPhotos()) continue;
@@ -359,7 +359,7 @@ void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
   }
 
   if (!route) {
-    writeSegments(element, points, configuration, wayfolio);
+    writeSegments(element, *points, configuration, wayfolio);
     return;
   }
   for (const TrackPointPtr& point : points) {

@@ -88,7 +88,7 @@ void TrackGPXElement::startPoint(xml::SaxParser& parser, std::string_view name,
   if (const auto index = attributes.value("index")) {
     // A point of the external point file that carries photos.
     const int32_t i = parseIntValue(*index);
-    auto& points = track_.trackPoints();
+    const auto points = track_.trackPoints();
     if (i >= 0 && static_cast<size_t>(i) < points.size()) {
       TrackPointGPXElement::trackPointGPXElementForTrackPoint(points[static_cast<size_t>(i)], parser);
     }
@@ -111,7 +111,7 @@ void TrackGPXElement::startPoint(xml::SaxParser& parser, std::string_view name,
 
 void TrackGPXElement::endElement(xml::SaxParser& parser, std::string_view name) {
   if (name == "trkseg") {
-    auto& points = track_.trackPoints();
+    const auto points = track_.trackPoints();
     if (!points.empty()) points.back()->setIsEndOfSegment(true);
   } else if (name == "name") {
     parserInName_ = false;
