@@ -53,6 +53,11 @@ int BG728Emulator::countOf(const std::string& request) const {
   return static_cast<int>(std::count(requests_.begin(), requests_.end(), request));
 }
 
+std::size_t BG728Emulator::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
 std::size_t BG728Emulator::storedPointCount() const {
   std::lock_guard lock(mutex_);
   return points_.size();

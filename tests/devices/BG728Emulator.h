@@ -65,6 +65,7 @@ class BG728Emulator {
   /// Every request line received, in order (without CR LF).
   std::vector<std::string> requests() const;
   int countOf(const std::string& request) const;
+  std::size_t requestCount() const;
   /// Points still stored (a delete request clears them).
   std::size_t storedPointCount() const;
 
