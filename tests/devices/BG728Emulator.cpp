@@ -148,6 +148,8 @@ void BG728Emulator::answer(const std::string& request) {
     send(line + line);
   } else if (fault == Fault::ForeignLineFirst) {
     send(sentence("GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,") + line);
+  } else if (fault == Fault::StallMidLine) {
+    send(line.substr(0, line.size() / 2));
   } else if (fault == Fault::SplitAcrossWrites) {
     send(line.substr(0, line.size() / 2));
     std::this_thread::sleep_for(splitPause_);

@@ -32,6 +32,7 @@ class BG728Emulator {
     TwoAnswersInOneWrite,  // the answer twice, in one write
     ForeignLineFirst,      // a GPS fix sentence, then the answer, in one write
     SplitAcrossWrites,     // half the answer, a pause of splitPause, the rest
+    StallMidLine,          // half the answer, then nothing more
     WrongIndex,            // a point request answered with the next point
     Silence,               // no answer at all
     HangUp,                // the far side closes instead of answering
