@@ -8,7 +8,9 @@
 //  - raw round trips: the same lines, one request line answered by one
 //    answer line, with nothing parsed.
 // The wire time at 115,200 baud (8N1) of those bytes is printed as well: a
-// real logger cannot be faster than that.
+// real logger cannot be faster than that. A download that finishes is run
+// three times and the fastest counted, as are the peers: the machine may be
+// busy with other work meanwhile.
 //
 // A download that runs longer than the cap (default 120 s) is cancelled and
 // its full time extrapolated from the answers it got so far.
@@ -28,6 +30,7 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <string>
@@ -229,12 +232,24 @@ Download download(const std::vector<BG728Point>& all, double cap) {
   return result;
 }
 
+// The best of three, so that a moment of load on the machine does not count.
+template <typename Measure>
+double best(Measure measure) {
+  double fastest = measure();
+  for (int i = 0; i < 2; ++i) fastest = std::min(fastest, measure());
+  return fastest;
+}
+
 void report(std::size_t count, double cap) {
   const auto all = points(count);
   const Exchange exchange = exchangeFor(all);
-  const Download run = download(all, cap);
-  const double push = rawPush(exchange);
-  const double trips = rawRoundTrips(exchange);
+  Download run = download(all, cap);
+  for (int again = 0; again < 2 && run.finished; ++again) {
+    const Download next = download(all, cap);
+    if (next.finished && next.seconds < run.seconds) run = next;
+  }
+  const double push = best([&] { return rawPush(exchange); });
+  const double trips = best([&] { return rawRoundTrips(exchange); });
   const double wire = static_cast<double>(exchange.bytes) / kWireBytesPerSecond;
 
   if (run.finished) {
