@@ -4,10 +4,8 @@
 // emulated logger on a pty, without byte timing, into
 // IGotUGT800::importTracksFromDevice.
 //
-// BG-728: a real download is bound by the driver's read time-out (every read
-// asks for 64 bytes and a shorter answer waits up to 30 s), so a download of
-// 10,000 points cannot be timed in reasonable time. Instead, answer lines are
-// taken apart with BG728::splitResponse, the driver's public parser.
+// BG-728: answer lines taken apart with BG728::splitResponse, the driver's
+// public parser. Whole downloads are timed by bg728_bench.
 //
 // Usage: logger_bench [GT800_RECORDS] [BG728_LINES]
 
@@ -130,9 +128,6 @@ int benchBG728(std::size_t count) {
              count, meanLength, elapsed);
   fmt::print("BG-728: {:.0f} lines/s; 115,200 baud carries {:.0f} lines/s: {:.0f} times line speed\n",
              perSecond, lineRate, perSecond / lineRate);
-  fmt::print(
-      "BG-728: a real download is not timed: the driver reads 64 bytes with a 30 s read time-out,\n"
-      "        so every answer shorter than 64 bytes waits out the time-out (10,000 points: ~3.5 days)\n");
   return parsed == count ? 0 : 1;
 }
 

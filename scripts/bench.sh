@@ -16,3 +16,6 @@ build/default/bench/model_bench --benchmark_color=false
 echo
 echo "== place lookups against the loopback emulator, and cache hits"
 build/default/bench/places_bench --benchmark_color=false
+echo
+echo "== BG-728 downloads from the emulated logger against the raw pty"
+build/default/bench/bg728_bench

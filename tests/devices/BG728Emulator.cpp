@@ -53,6 +53,11 @@ int BG728Emulator::countOf(const std::string& request) const {
   return static_cast<int>(std::count(requests_.begin(), requests_.end(), request));
 }
 
+std::size_t BG728Emulator::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
 std::size_t BG728Emulator::storedPointCount() const {
   std::lock_guard lock(mutex_);
   return points_.size();
@@ -143,6 +148,8 @@ void BG728Emulator::answer(const std::string& request) {
     send(line + line);
   } else if (fault == Fault::ForeignLineFirst) {
     send(sentence("GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,") + line);
+  } else if (fault == Fault::StallMidLine) {
+    send(line.substr(0, line.size() / 2));
   } else if (fault == Fault::SplitAcrossWrites) {
     send(line.substr(0, line.size() / 2));
     std::this_thread::sleep_for(splitPause_);

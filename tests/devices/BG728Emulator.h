@@ -32,6 +32,7 @@ class BG728Emulator {
     TwoAnswersInOneWrite,  // the answer twice, in one write
     ForeignLineFirst,      // a GPS fix sentence, then the answer, in one write
     SplitAcrossWrites,     // half the answer, a pause of splitPause, the rest
+    StallMidLine,          // half the answer, then nothing more
     WrongIndex,            // a point request answered with the next point
     Silence,               // no answer at all
     HangUp,                // the far side closes instead of answering
@@ -65,6 +66,7 @@ class BG728Emulator {
   /// Every request line received, in order (without CR LF).
   std::vector<std::string> requests() const;
   int countOf(const std::string& request) const;
+  std::size_t requestCount() const;
   /// Points still stored (a delete request clears them).
   std::size_t storedPointCount() const;
 

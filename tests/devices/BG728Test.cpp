@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,19 +44,39 @@ std::vector<std::string> requestsFor(int pointCount) {
 
 ISODate utc(const char* text) { return *ISODate::isoDateWithString(text); }
 
+// Lines longer than the 64 bytes of one read: far-south-west points with a
+// four-digit elevation.
+std::vector<BG728Point> longPoints(int count) {
+  std::vector<BG728Point> points;
+  for (int i = 0; i < count; ++i) {
+    points.push_back({fmt::format("{:02d}:{:02d}:{:02d}", 6 + i / 3600, i / 60 % 60, i % 60), "110223",
+                      fmt::format("-33.{:06d}", 100000 + i), fmt::format("-151.{:06d}", 200000 + i),
+                      fmt::format("{}.25", 1000 + i)});
+  }
+  return points;
+}
+
 class BG728Test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(pty.valid());
-    // Answers are shorter than the 64 bytes a read asks for, so every read
-    // waits out its time-out; the real 30 s would make the tests crawl.
-    driver.setReadTimeout(0.1);
-  }
+  // The driver keeps the logger's real 30 s read time-out unless a test says
+  // otherwise: a logger that answers line by line never makes it wait.
+  void SetUp() override { ASSERT_TRUE(pty.valid()); }
 
   std::optional<std::vector<TrackPtr>> download(int pointCount) {
     logger.setPoints(samplePoints(pointCount));
+    return downloadStored();
+  }
+
+  // Off the test thread, so that a driver that hangs fails the test instead of the suite.
+  std::optional<std::vector<TrackPtr>> downloadStored() {
     logger.start();
-    auto result = driver.importTracksFromDevice(pty.slavePath(), {});
+    auto running = std::async(std::launch::async,
+                              [this] { return driver.importTracksFromDevice(pty.slavePath(), {}); });
+    if (running.wait_for(std::chrono::seconds(90)) != std::future_status::ready) {
+      ADD_FAILURE() << "the download hung";
+      std::abort();
+    }
+    auto result = running.get();
     logger.stop();
     return result;
   }
@@ -190,8 +211,8 @@ TEST_F(BG728Test, TwoAnswersInOneReadAreBothProcessedInOrder) {
 }
 
 TEST_F(BG728Test, LineSplitAcrossReadsIsProcessedOnceComplete) {
-  // The second half comes after the first read has given up and well within
-  // the second one.
+  // The second half comes after the first read has given up with the first
+  // half, and well within the second read.
   driver.setReadTimeout(0.2);
   logger.setSplitPause(std::chrono::milliseconds(300));
   logger.addFault(BG728Emulator::pointRequest(1), Fault::SplitAcrossWrites);
@@ -202,6 +223,7 @@ TEST_F(BG728Test, LineSplitAcrossReadsIsProcessedOnceComplete) {
 }
 
 TEST_F(BG728Test, SilentLoggerFailsAfterTheTimeoutWithoutAPartialTrack) {
+  driver.setReadTimeout(0.1);
   logger.addFault(BG728Emulator::pointRequest(1), Fault::Silence);
   auto result = download(3);
   EXPECT_FALSE(result);
@@ -220,9 +242,9 @@ TEST_F(BG728Test, HangUpInTheMiddleFails) {
 }
 
 TEST_F(BG728Test, CancelEndsAWaitOnTheFullTimeout) {
-  // With the real logger's time-out the first short answer already keeps a
-  // read waiting for the full 30 s; the cancel must end it.
-  driver.setReadTimeout(30.0);
+  // A logger that falls silent keeps a read waiting for the full 30 s; the
+  // cancel must end it.
+  logger.addFault(BG728Emulator::pointRequest(1), Fault::Silence);
   std::thread canceller([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     cancelRunningDownloads();
@@ -236,7 +258,6 @@ TEST_F(BG728Test, CancelEndsAWaitOnTheFullTimeout) {
 }
 
 TEST_F(BG728Test, EndlessWrongAnswersHitTheBound) {
-  driver.setReadTimeout(0.05);
   logger.setAlwaysWrongChecksum(true);
   auto result = download(3);
   EXPECT_FALSE(result);
@@ -246,6 +267,54 @@ TEST_F(BG728Test, EndlessWrongAnswersHitTheBound) {
   EXPECT_GE(sent, 130);
   EXPECT_LE(sent, 131);
   EXPECT_EQ(logger.countOf(BG728Emulator::kCountRequest), 0);
+}
+
+TEST_F(BG728Test, LineByLineLoggerIsReadAtTheSpeedOfTheLink) {
+  // 200 points with the real 30 s time-out, lines of 65 to 67 bytes, and a
+  // bad checksum, a wrong index and a foreign NMEA sentence along the way.
+  logger.setTimezone(-5);
+  logger.setPoints(longPoints(200));
+  logger.addFault(BG728Emulator::pointRequest(37), Fault::WrongChecksum);
+  logger.addFault(BG728Emulator::pointRequest(88), Fault::WrongIndex);
+  logger.addFault(BG728Emulator::pointRequest(150), Fault::ForeignLineFirst);
+  auto result = downloadStored();
+  ASSERT_TRUE(result);
+  ASSERT_EQ(result->size(), 1u);
+  const auto& points = result->front()->trackPoints();
+  ASSERT_EQ(points.size(), 200u);
+  const auto expected = longPoints(200);
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    EXPECT_DOUBLE_EQ(points[i]->latitude(), std::stod(expected[i].latitude)) << i;
+    EXPECT_DOUBLE_EQ(points[i]->longitude(), std::stod(expected[i].longitude)) << i;
+    EXPECT_DOUBLE_EQ(points[i]->elevation(), std::stod(expected[i].elevation)) << i;
+    EXPECT_EQ(points[i]->time()->timezoneOffset(), -300) << i;
+  }
+  EXPECT_TRUE(points[199]->time()->isEqualToDate(utc("2023-11-02T06:03:19")));
+  // The bad checksum and the wrong index each cost one more request of that point.
+  for (int index : {37, 88}) EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(index)), 2) << index;
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(36)), 1);
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(89)), 1);
+  // The foreign sentence came just before the answer, so its resend left one
+  // answer in flight ever after: each later point is asked for twice, its
+  // late copy refused as the wrong index. Nothing is stored twice.
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(150)), 2);
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(199)), 2);
+  // No read waited for its time-out: each ended on a line end or after 64 bytes.
+  EXPECT_FALSE(log.contains("BG728: error reading data"));
+  EXPECT_TRUE(log.contains("BG728: Finished with timezone: -5"));
+}
+
+TEST_F(BG728Test, LoggerStallingMidLineIsEndedByTheTimeout) {
+  driver.setReadTimeout(0.3);
+  logger.addFault(BG728Emulator::pointRequest(2), Fault::StallMidLine);
+  auto result = download(5);
+  EXPECT_FALSE(result);
+  EXPECT_EQ(driver.protocolCommand(), BG728::kStateFailed);
+  // The half line came with the first time-out; the second brought nothing.
+  EXPECT_TRUE(log.contains("BG728: error reading data: "));
+  EXPECT_TRUE(log.contains("code 100"));
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(2)), 1);
+  EXPECT_EQ(logger.countOf(BG728Emulator::pointRequest(3)), 0);
 }
 
 TEST_F(BG728Test, MissingPortFailsWithALogLine) {

@@ -160,7 +160,7 @@ void GT800Emulator::send(const std::vector<std::uint8_t>& bytes) {
 }
 
 void GT800Emulator::handle(const std::uint8_t* frame) {
-  std::vector<std::vector<std::uint8_t>> writes;  // each element goes out in one write()
+  Writes writes;
   Fault fault = Fault::kNone;
   {
     std::lock_guard lock(mutex_);
@@ -171,78 +171,16 @@ void GT800Emulator::handle(const std::uint8_t* frame) {
       return;  // the logger ignores a garbled frame
     }
     if (silent_) return;
-
-    const bool flash = frame[1] == kFlashRead || frame[1] == kFlashWrite;
-    const std::uint8_t key = flash ? frame[6] : frame[1];
-    if (fault_ != Fault::kNone && (faultCommand_ == 0 || faultCommand_ == key)) {
-      if (matchingSeen_++ == faultOccurrence_) fault = fault_;
-    }
+    fault = faultFor(frame);
     if (fault == Fault::kDropCommand) {
       ++badFrames_;
       return;
     }
-    if (fault == Fault::kSilence) {
+    if (fault == Fault::kSilence || fault == Fault::kHangUp) {
       silent_ = true;
-      return;
-    }
-    if (fault == Fault::kHangUp) {
-      silent_ = true;
-    } else {
-      const std::size_t length = (std::size_t{frame[3]} << 8) | frame[4];
-      if (frame[1] == kNmeaSwitch) {
-        nmeaModes_.push_back(frame[3]);
-        writes.push_back(answer({}));
-      } else if (frame[1] == kCount) {
-        writes.push_back(answer({static_cast<std::uint8_t>((recordCount_ >> 16) & 0xFF),
-                                 static_cast<std::uint8_t>((recordCount_ >> 8) & 0xFF),
-                                 static_cast<std::uint8_t>(recordCount_ & 0xFF)}));
-      } else if (frame[1] == kFlashRead && frame[6] == kOpReadId) {
-        std::vector<std::uint8_t> id{0xC2, 0x20, kCapacityId};
-        id.resize(length, 0xFF);
-        writes.push_back(answer(id));
-      } else if (frame[1] == kFlashRead && frame[6] == kOpReadStatus) {
-        std::uint8_t status = writeEnabled_ ? 0x02 : 0x00;
-        if (busyPollsLeft_ > 0) {
-          --busyPollsLeft_;
-          status |= 0x01;  // write in progress
-        }
-        writes.push_back(answer(std::vector<std::uint8_t>(std::max<std::size_t>(length, 1), status)));
-      } else if (frame[1] == kFlashRead && frame[6] == kOpReadData) {
-        const std::size_t address = address24(frame);
-        std::vector<std::uint8_t> data(length, 0xFF);
-        for (std::size_t i = 0; i < length && address + i < flash_.size(); ++i) {
-          data[i] = flash_[address + i];
-        }
-        std::vector<std::uint8_t> ack = answer({});
-        ack[1] = frame[3];
-        ack[2] = frame[4];
-        if (fault == Fault::kTruncatedData) data.resize(length / 2);
-        if (fault == Fault::kTwoAnswersInOneWrite) {
-          ack.insert(ack.end(), data.begin(), data.end());
-          writes.push_back(ack);
-        } else {
-          writes.push_back(ack);
-          writes.push_back(data);
-        }
-      } else if (frame[1] == kFlashWrite && frame[6] == kOpWriteEnable) {
-        writeEnabled_ = true;
-        writes.push_back(answer({}));
-      } else if (frame[1] == kFlashWrite && frame[6] == kOpSectorErase) {
-        const std::size_t sector = address24(frame) / kSectorSize;
-        if (!writeEnabled_ || sector >= kSectorCount) {
-          ++refusedErases_;
-        } else {
-          std::fill_n(flash_.begin() + static_cast<std::ptrdiff_t>(sector * kSectorSize),
-                      kSectorSize, std::uint8_t{0xFF});
-          erased_.push_back(sector);
-          busyPollsLeft_ = eraseBusyPolls_;
-        }
-        writeEnabled_ = false;
-        writes.push_back(answer({}));
-      } else {
-        return;  // unknown command: the logger stays quiet
-      }
-      ++answered_;
+      if (fault == Fault::kSilence) return;
+    } else if (!answerFrame(frame, fault, writes)) {
+      return;  // unknown command: the logger stays quiet
     }
     if (fault == Fault::kGarbageBeforeAnswer && !writes.empty()) {
       std::vector<std::uint8_t> garbage(writes.front().size(), 0x5A);
@@ -259,6 +197,81 @@ void GT800Emulator::handle(const std::uint8_t* frame) {
     return;
   }
   for (const auto& bytes : writes) send(bytes);
+}
+
+GT800Emulator::Fault GT800Emulator::faultFor(const std::uint8_t* frame) {
+  const bool flash = frame[1] == kFlashRead || frame[1] == kFlashWrite;
+  const std::uint8_t key = flash ? frame[6] : frame[1];
+  if (fault_ != Fault::kNone && (faultCommand_ == 0 || faultCommand_ == key)) {
+    if (matchingSeen_++ == faultOccurrence_) return fault_;
+  }
+  return Fault::kNone;
+}
+
+bool GT800Emulator::answerFrame(const std::uint8_t* frame, Fault fault, Writes& writes) {
+  const std::size_t length = (std::size_t{frame[3]} << 8) | frame[4];
+  if (frame[1] == kNmeaSwitch) {
+    nmeaModes_.push_back(frame[3]);
+    writes.push_back(answer({}));
+  } else if (frame[1] == kCount) {
+    writes.push_back(answer({static_cast<std::uint8_t>((recordCount_ >> 16) & 0xFF),
+                             static_cast<std::uint8_t>((recordCount_ >> 8) & 0xFF),
+                             static_cast<std::uint8_t>(recordCount_ & 0xFF)}));
+  } else if (frame[1] == kFlashRead && frame[6] == kOpReadId) {
+    std::vector<std::uint8_t> id{0xC2, 0x20, kCapacityId};
+    id.resize(length, 0xFF);
+    writes.push_back(answer(id));
+  } else if (frame[1] == kFlashRead && frame[6] == kOpReadStatus) {
+    std::uint8_t status = writeEnabled_ ? 0x02 : 0x00;
+    if (busyPollsLeft_ > 0) {
+      --busyPollsLeft_;
+      status |= 0x01;  // write in progress
+    }
+    writes.push_back(answer(std::vector<std::uint8_t>(std::max<std::size_t>(length, 1), status)));
+  } else if (frame[1] == kFlashRead && frame[6] == kOpReadData) {
+    answerReadData(frame, fault, writes);
+  } else if (frame[1] == kFlashWrite && frame[6] == kOpWriteEnable) {
+    writeEnabled_ = true;
+    writes.push_back(answer({}));
+  } else if (frame[1] == kFlashWrite && frame[6] == kOpSectorErase) {
+    answerSectorErase(frame, writes);
+  } else {
+    return false;
+  }
+  ++answered_;
+  return true;
+}
+
+void GT800Emulator::answerReadData(const std::uint8_t* frame, Fault fault, Writes& writes) {
+  const std::size_t length = (std::size_t{frame[3]} << 8) | frame[4];
+  const std::size_t address = address24(frame);
+  std::vector<std::uint8_t> data(length, 0xFF);
+  for (std::size_t i = 0; i < length && address + i < flash_.size(); ++i) data[i] = flash_[address + i];
+  std::vector<std::uint8_t> ack = answer({});
+  ack[1] = frame[3];
+  ack[2] = frame[4];
+  if (fault == Fault::kTruncatedData) data.resize(length / 2);
+  if (fault == Fault::kTwoAnswersInOneWrite) {
+    ack.insert(ack.end(), data.begin(), data.end());
+    writes.push_back(ack);
+  } else {
+    writes.push_back(ack);
+    writes.push_back(data);
+  }
+}
+
+void GT800Emulator::answerSectorErase(const std::uint8_t* frame, Writes& writes) {
+  const std::size_t sector = address24(frame) / kSectorSize;
+  if (!writeEnabled_ || sector >= kSectorCount) {
+    ++refusedErases_;
+  } else {
+    std::fill_n(flash_.begin() + static_cast<std::ptrdiff_t>(sector * kSectorSize), kSectorSize,
+                std::uint8_t{0xFF});
+    erased_.push_back(sector);
+    busyPollsLeft_ = eraseBusyPolls_;
+  }
+  writeEnabled_ = false;
+  writes.push_back(answer({}));
 }
 
 }  // namespace kvtrack::test

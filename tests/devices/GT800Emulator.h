@@ -108,7 +108,14 @@ class GT800Emulator {
 
  private:
   void run();
+  using Writes = std::vector<std::vector<std::uint8_t>>;  // each element goes out in one write()
   void handle(const std::uint8_t* frame);
+  /// The fault planned for this frame, when it is its turn (mutex_ held).
+  Fault faultFor(const std::uint8_t* frame);
+  /// The logger's answer to a good frame; false for an unknown command (mutex_ held).
+  bool answerFrame(const std::uint8_t* frame, Fault fault, Writes& writes);
+  void answerReadData(const std::uint8_t* frame, Fault fault, Writes& writes);
+  void answerSectorErase(const std::uint8_t* frame, Writes& writes);
   void send(const std::vector<std::uint8_t>& bytes);
   static std::vector<std::uint8_t> answer(const std::vector<std::uint8_t>& data);
 

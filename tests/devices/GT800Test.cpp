@@ -2,10 +2,16 @@
 
 #include "kvtrack/devices/gt800/IGotUGT800.h"
 
+#include "kvtrack/devices/gpsbabel/GPSBabel.h"
+#include "kvtrack/formats/gpx/TrackGPX.h"
+
 #include "kvtrack/model/TrackPoint.h"
 #include "kvtrack/support/ISODate.h"
+#include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
+#include "tests/common/ScopedEnvironment.h"
+#include "tests/common/ScratchFolder.h"
 #include "tests/devices/GT800Emulator.h"
 #include "tests/devices/PtyPair.h"
 
@@ -153,7 +159,7 @@ TEST_F(GT800Test, DownloadSplitsTracksAndDecodesEveryField) {
   EXPECT_EQ(p[1]->time()->microsecondsSince1970(),
             utc(year, 5, 17, 21, 43, 59).microsecondsSince1970());  // 59,999 ms
   EXPECT_EQ(p[2]->elevation(), -3.0);  // -3.7 m toward zero
-  EXPECT_TRUE(p[2]->isWayPoint());
+  EXPECT_FALSE(p[2]->isWayPoint());  // a named track point
   EXPECT_EQ(p[2]->name(), std::optional<std::string>("WPT"));
   EXPECT_EQ(first->name(), utc(year, 5, 17, 21, 42, 30).descriptionForGui());
 
@@ -174,6 +180,52 @@ TEST_F(GT800Test, DownloadSplitsTracksAndDecodesEveryField) {
   EXPECT_TRUE(log_.contains("Trackpoint Count: 10"));
   EXPECT_TRUE(log_.contains("Reading block 0 of 1"));
   EXPECT_TRUE(portClosed());
+}
+
+
+// The bridge writes a download as plain GPX for the library to import: the
+// button-press point stays a track point named "WPT", with no waypoint
+// element of its own, and the GPX reader takes that name for a waypoint.
+TEST_F(GT800Test, NamedPointReadsBackAsAWaypointThroughTheBridge) {
+  const int year = thisYear() - 1;
+  emulator_.putRecord(0, record(Fix{.flags = 0x40, .year = year}));
+  emulator_.putRecord(1, record(Fix{.flags = 0x04, .year = year, .minute = 44, .latitude = 481000000}));
+  emulator_.putRecord(2, record(Fix{.year = year, .minute = 45, .latitude = 482000000}));
+  emulator_.setRecordCount(3);
+
+  testing::ScratchFolder scratch;
+  testing::ScopedEnvironment temporary("TMPDIR", scratch.path().string());
+  std::filesystem::create_directories(scratch.path() / "dev");
+  std::filesystem::create_symlink(pty_.slavePath(), scratch.path() / "dev" / "ttyUSB0");
+  const std::string previousFolder = FileHandling::singleton().deviceFolder();
+  FileHandling::singleton().setDeviceFolder((scratch.path() / "dev").string() + "/");
+  GPSBabel bridge;
+  bridge.registerDriver(std::make_shared<IGotUGT800>());
+  bridge.setDevice("ttyUSB0");
+  bridge.setDeviceType("*i-gotUGT800");
+  bridge.setAdditionalCommandlineOptions("");
+  const std::string out = scratch.file("download.gpx");
+  auto running = std::async(std::launch::async, [&] { return bridge.importTracksAndWaypointToFile(out); });
+  ASSERT_EQ(running.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  const int status = running.get();
+  FileHandling::singleton().setDeviceFolder(previousFolder);
+  ASSERT_EQ(status, 0);
+
+  const std::string gpx = testing::ScratchFolder::read(out);
+  EXPECT_EQ(gpx.find("<wpt"), std::string::npos);
+  EXPECT_NE(gpx.find("<name>WPT</name>"), std::string::npos);
+  TrackPtr back = Track::track();
+  ASSERT_TRUE(TrackGPX(back).importFrom(out));
+  const auto& points = back->trackPoints();
+  ASSERT_EQ(points.size(), 3u);
+  EXPECT_FALSE(points[0]->isWayPoint());
+  EXPECT_TRUE(points[1]->isWayPoint());
+  EXPECT_FALSE(points[1]->name());  // the reader keeps the mark, not the name
+  EXPECT_DOUBLE_EQ(points[1]->latitude(), 48.1);
+  EXPECT_FALSE(points[2]->isWayPoint());
+  back->updateProperties();
+  EXPECT_EQ(back->waypointCount(), 1);
+  EXPECT_EQ(back->type(), 0);  // still a recorded track
 }
 
 TEST_F(GT800Test, YearsAndTimeZone) {

@@ -18,7 +18,10 @@ namespace kvtrack {
 namespace {
 
 constexpr unsigned long kSpeed = 115200;
+// A read ends with a line end, or after 64 bytes of a longer line; the
+// logger answers one line per request, so the driver answers it at once.
 constexpr std::size_t kReadSize = 64;
+constexpr std::uint8_t kLineEnd = '\n';
 // Passes without a fitting answer before giving up: the check happens
 // before the increment, so 130 passes in all.
 constexpr int64_t kMaxWrongResponses = 129;
@@ -145,7 +148,7 @@ void BG728::closePort() {
 }
 
 void BG728::write(std::string_view text) {
-  if (port_ && port_->isOpen()) port_->writeString(text);
+  if (port_ && port_->isOpen()) port_->writeString(text, ZtStringEncoding::ASCII);
 }
 
 void BG728::requestTimezone() {
@@ -168,7 +171,7 @@ void BG728::requestTrackPoint() {
   // The logger ignores the checksum of this request: "00" is sent for every
   // index, as the logger's own software does.
   const std::string text = fmt::format("$BG728,0,17,{}*00\r\n", trackPointCounter_);
-  if (!port_->writeString(text)) logf("send ERROR: {}", withoutLineEnd(text));
+  if (!port_->writeString(text, ZtStringEncoding::ASCII)) logf("send ERROR: {}", withoutLineEnd(text));
 }
 
 void BG728::sendRequest() {
@@ -285,7 +288,7 @@ void BG728::readData() {
       return;
     }
     ZtSerialError error;
-    const std::optional<ZtSerialPort::Data> data = port_->readBytes(kReadSize, &error);
+    const std::optional<ZtSerialPort::Data> data = port_->readBytesUpToChar(kReadSize, kLineEnd, &error);
     if (error.code > 0) {
       logf("BG728: error reading data: {}", describe(error));
       // A time-out that brought bytes is a short answer, not a failure.

@@ -54,8 +54,7 @@ class BG728 : public GpsDriver {
                                                               const Options& options) override;
   bool deleteTracksFromDevice(const std::string& device, const Options& options) override;
 
-  /// Seconds every read may wait; 30 s for the real logger. Tests shorten it
-  /// because a read asks for 64 bytes and a short answer waits it out.
+  /// Seconds a read may wait for the rest of a line; 30 s for the real logger.
   void setReadTimeout(double seconds) { readTimeout_ = seconds; }
   double readTimeout() const { return readTimeout_; }
 

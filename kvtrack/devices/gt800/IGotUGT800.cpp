@@ -316,10 +316,10 @@ void IGotUGT800::createTrackPoints(const uint8_t* records, uint64_t count) {
     point->setLatitude(latitude);
     point->setLongitude(longitude);
     point->setTime(time);
-    if ((r[0] & kFlagWaypoint) != 0) {
-      point->setName("WPT");
-      point->setIsWayPoint(true);  // the name alone would not mark it in this model
-    }
+    // A button press on the logger: a named point, still a track point. The
+    // name makes it count as a waypoint in the track's figures, and GPX
+    // readers take a track point named "WP..." for a waypoint.
+    if ((r[0] & kFlagWaypoint) != 0) point->setName("WPT");
     point->setElevation(elevation);
     currentTrack_->addTrackPoint(point);
     if (currentTrack_->loadedPointCount() == 1 && time) {

@@ -95,22 +95,35 @@ ZtSerialPortList::~ZtSerialPortList() { stopMonitoring(); }
 
 void ZtSerialPortList::refresh() { update(enumeratePortPaths(), nullptr, nullptr); }
 
-void ZtSerialPortList::update(std::vector<std::string> paths, std::vector<std::string>* added,
-                              std::vector<std::string>* removed) {
+void ZtSerialPortList::update(const std::vector<std::string>& paths, std::vector<ZtSerialPortPtr>* added,
+                              std::vector<ZtSerialPortPtr>* removed) {
   std::lock_guard lock(lock_);
-  std::vector<std::shared_ptr<ZtSerialPort>> kept;
+  std::vector<ZtSerialPortPtr> kept;
   for (auto& port : ports_) {
     if (std::binary_search(paths.begin(), paths.end(), port->bsdPath())) kept.push_back(port);
-    else if (removed) removed->push_back(port->bsdPath());
+    else if (removed) removed->push_back(port);
   }
   for (const auto& path : paths) {
     bool known = std::any_of(kept.begin(), kept.end(), [&](const auto& port) { return port->bsdPath() == path; });
     if (known) continue;
     kept.push_back(std::make_shared<ZtSerialPort>(path, baseName(path), "tty"));
-    if (added) added->push_back(path);
+    if (added) added->push_back(kept.back());
   }
   std::sort(kept.begin(), kept.end(), [](const auto& a, const auto& b) { return a->bsdPath() < b->bsdPath(); });
   ports_ = std::move(kept);
+}
+
+void ZtSerialPortList::announce(const std::vector<ZtSerialPortPtr>& added,
+                                const std::vector<ZtSerialPortPtr>& removed) {
+  auto& center = NotificationCenter::defaultCenter();
+  if (!added.empty()) {
+    center.postNotification(ZtSerialPortListDidAddPortsNotification,
+                            ZtSerialPortListChange{{ZtSerialPortListAddedPorts, added}});
+  }
+  if (!removed.empty()) {
+    center.postNotification(ZtSerialPortListDidRemovePortsNotification,
+                            ZtSerialPortListChange{{ZtSerialPortListRemovedPorts, removed}});
+  }
 }
 
 std::vector<std::shared_ptr<ZtSerialPort>> ZtSerialPortList::serialPorts() {
@@ -150,12 +163,26 @@ std::shared_ptr<ZtSerialPort> ZtSerialPortList::objectAtIndex(std::size_t index)
   return index < ports_.size() ? ports_[index] : nullptr;
 }
 
+ZtSerialPortEnumerator ZtSerialPortList::portEnumerator() {
+  // The list lives as long as the process.
+  return ZtSerialPortEnumerator([this] { return count(); }, [this](std::size_t index) { return objectAtIndex(index); });
+}
+
+ZtSerialPortEnumerator ZtSerialPortList::portEnumeratorForSerialPortsOfType(const std::string& type) {
+  auto ports = std::make_shared<std::vector<ZtSerialPortPtr>>(serialPortsOfType(type));
+  return ZtSerialPortEnumerator([ports] { return ports->size(); },
+                                [ports](std::size_t index) { return (*ports)[index]; });
+}
+
 bool ZtSerialPortList::startMonitoring() {
   if (monitoring_) return true;
-  if (::pipe2(stopPipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
+  int ends[2] = {-1, -1};
+  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
     logf("serial port list: cannot watch for ports: {}", std::strerror(errno));
     return false;
   }
+  stopRead_.reset(ends[0]);
+  stopWrite_.reset(ends[1]);
   monitoring_ = true;
   monitor_ = std::thread([this] { monitorLoop(); });
   return true;
@@ -164,11 +191,10 @@ bool ZtSerialPortList::startMonitoring() {
 void ZtSerialPortList::stopMonitoring() {
   if (!monitoring_) return;
   char one = 1;
-  [[maybe_unused]] ssize_t ignored = ::write(stopPipe_[1], &one, 1);
+  [[maybe_unused]] ssize_t ignored = ::write(stopWrite_.get(), &one, 1);
   if (monitor_.joinable()) monitor_.join();
-  ::close(stopPipe_[0]);
-  ::close(stopPipe_[1]);
-  stopPipe_[0] = stopPipe_[1] = -1;
+  stopRead_.reset();
+  stopWrite_.reset();
   monitoring_ = false;
 }
 
@@ -182,19 +208,16 @@ void ZtSerialPortList::monitorLoop() {
   }
   // Without udev events (containers) the half-second rescan still notices ports.
   for (;;) {
-    struct pollfd fds[2] = {{stopPipe_[0], POLLIN, 0}, {monitor ? udev_monitor_get_fd(monitor) : -1, POLLIN, 0}};
+    struct pollfd fds[2] = {{stopRead_.get(), POLLIN, 0}, {monitor ? udev_monitor_get_fd(monitor) : -1, POLLIN, 0}};
     int ready = ::poll(fds, 2, 500);
     if (ready < 0 && errno != EINTR) break;
     if (fds[0].revents) break;
     if (monitor && (fds[1].revents & POLLIN)) {
       if (struct udev_device* device = udev_monitor_receive_device(monitor)) udev_device_unref(device);
     }
-    std::vector<std::string> added, removed;
+    std::vector<ZtSerialPortPtr> added, removed;
     update(enumeratePortPaths(), &added, &removed);
-    if (!added.empty())
-      NotificationCenter::defaultCenter().postNotification(ZtSerialPortListDidAddPortsNotification, added);
-    if (!removed.empty())
-      NotificationCenter::defaultCenter().postNotification(ZtSerialPortListDidRemovePortsNotification, removed);
+    announce(added, removed);
   }
   if (monitor) udev_monitor_unref(monitor);
   if (udev) udev_unref(udev);

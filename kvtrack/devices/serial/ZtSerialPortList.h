@@ -9,9 +9,10 @@
 //
 // While monitoring, a background thread re-enumerates on every udev event and
 // every half second, and posts through NotificationCenter::defaultCenter():
-//   "ZtSerialPortListDidAddPortsNotification"    object: std::vector<std::string> of paths
-//   "ZtSerialPortListDidRemovePortsNotification" object: std::vector<std::string> of paths
-// Observers run on that thread.
+//   "ZtSerialPortListDidAddPortsNotification"    the ports under "ZtSerialPortListAddedPorts"
+//   "ZtSerialPortListDidRemovePortsNotification" the ports under "ZtSerialPortListRemovedPorts"
+// The notification's object is a ZtSerialPortListChange dictionary; the
+// ports in it are the list's own port objects. Observers run on that thread.
 
 #include <atomic>
 #include <cstddef>
@@ -21,7 +22,11 @@
 #include <thread>
 #include <vector>
 
+#include <map>
+
 #include "kvtrack/devices/serial/ZtSerialPort.h"
+#include "kvtrack/devices/serial/ZtStandardEnumerator.h"
+#include "kvtrack/support/UniqueFd.h"
 
 namespace kvtrack {
 
@@ -29,6 +34,13 @@ inline constexpr const char* ZtSerialPortListDidAddPortsNotification =
     "ZtSerialPortListDidAddPortsNotification";
 inline constexpr const char* ZtSerialPortListDidRemovePortsNotification =
     "ZtSerialPortListDidRemovePortsNotification";
+inline constexpr const char* ZtSerialPortListAddedPorts = "ZtSerialPortListAddedPorts";
+inline constexpr const char* ZtSerialPortListRemovedPorts = "ZtSerialPortListRemovedPorts";
+
+using ZtSerialPortPtr = std::shared_ptr<ZtSerialPort>;
+/// The object of the list's notifications: one entry, the ports that came or went.
+using ZtSerialPortListChange = std::map<std::string, std::vector<ZtSerialPortPtr>>;
+using ZtSerialPortEnumerator = ZtStandardEnumerator<ZtSerialPortPtr>;
 
 class ZtSerialPortList {
  public:
@@ -45,6 +57,11 @@ class ZtSerialPortList {
   std::shared_ptr<ZtSerialPort> objectWithName(const std::string& name);
   std::size_t count();
   std::shared_ptr<ZtSerialPort> objectAtIndex(std::size_t index);
+  /// Walks the live list (ports that go while it walks are not returned twice
+  /// or past the end). nextObject() gives nullptr at the end.
+  ZtSerialPortEnumerator portEnumerator();
+  /// Walks the ports of that type present when it was made.
+  ZtSerialPortEnumerator portEnumeratorForSerialPortsOfType(const std::string& type);
 
   /// Enumerates again (e.g. after the device folder changed); posts nothing.
   void refresh();
@@ -60,15 +77,17 @@ class ZtSerialPortList {
  private:
   ZtSerialPortList();
   void monitorLoop();
-  /// Applies a fresh enumeration; returns the paths added and removed.
-  void update(std::vector<std::string> paths, std::vector<std::string>* added,
-              std::vector<std::string>* removed);
+  /// Applies a fresh enumeration; returns the ports added and removed.
+  void update(const std::vector<std::string>& paths, std::vector<ZtSerialPortPtr>* added,
+              std::vector<ZtSerialPortPtr>* removed);
+  void announce(const std::vector<ZtSerialPortPtr>& added, const std::vector<ZtSerialPortPtr>& removed);
 
   std::mutex lock_;
   std::vector<std::shared_ptr<ZtSerialPort>> ports_;
   std::atomic<bool> monitoring_{false};
   std::thread monitor_;
-  int stopPipe_[2] = {-1, -1};
+  UniqueFd stopRead_;
+  UniqueFd stopWrite_;
 };
 
 }  // namespace kvtrack
