@@ -20,8 +20,8 @@ for preset in default sanitize; do
 done
 
 # The tsan build of the whole suite takes as long as the sanitizer one; CI
-# runs the programs whose subsystems share data between threads.
-threaded=(support_tests model_tests library_tests photos_tests places_tests)
+# runs the programs of the subsystems that share data between threads.
+threaded=(support_tests model_tests)
 echo "== tsan build (${threaded[*]})"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan --target "${threaded[@]}"

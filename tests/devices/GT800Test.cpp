@@ -207,9 +207,9 @@ TEST_F(GT800Test, NamedPointReadsBackAsAWaypointThroughTheBridge) {
   const std::string out = scratch.file("download.gpx");
   auto running = std::async(std::launch::async, [&] { return bridge.importTracksAndWaypointToFile(out); });
   ASSERT_EQ(running.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-  const int status = running.get();
+  const TransferStatus status = running.get();
   FileHandling::singleton().setDeviceFolder(previousFolder);
-  ASSERT_EQ(status, 0);
+  ASSERT_TRUE(status) << status.reason;
 
   const std::string gpx = testing::ScratchFolder::read(out);
   EXPECT_EQ(gpx.find("<wpt"), std::string::npos);

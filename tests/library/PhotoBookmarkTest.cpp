@@ -26,7 +26,7 @@ class MovingSandbox : public KvSandbox {
 TEST_F(LibraryTest, LoadingFollowsMovedPhotosAndSavesTheRenewedBookmark) {
   auto sandbox = std::make_shared<MovingSandbox>();
   KvSandbox::setSingleton(sandbox);
-  sandbox->from = folder.write("photos/summit.jpg", "jpeg");
+  sandbox->from = folder.write("summit.jpg", "jpeg");
   sandbox->to = folder.file("moved/summit.jpg");
   auto track = walk("Walk", 3);
   track->trackPoints()[1]->addTrackPhoto(TrackPhoto::trackPhotoWithFilepath(sandbox->from));

@@ -106,7 +106,16 @@ bool ZtSerialPort::openWithFlags(int flags) {
     logf("serial port: {} is not a terminal: {}", bsdPath_, std::strerror(errno));
     return false;
   }
-  settings_ = originalSettings_;
+  // A terminal line starts in line mode, with echo and CR turned into LF,
+  // which would swallow or change a logger's bytes: the port works raw.
+  struct termios raw = originalSettings_;
+  ::cfmakeraw(&raw);
+  raw.c_cflag |= CLOCAL | CREAD;
+  if (::tcsetattr(fd.get(), TCSANOW, &raw) != 0) {
+    logf("serial port: cannot set {} to raw mode: {}", bsdPath_, std::strerror(errno));
+    return false;
+  }
+  settings_ = raw;
   originalSpeed_ =
       (originalSettings_.c_cflag & CBAUD) == kOtherSpeed ? detail::arbitrarySpeed(fd.get()) : 0;
   speed_ = originalSpeed_;
