@@ -16,3 +16,6 @@ build/default/bench/model_bench --benchmark_color=false
 echo
 echo "== place lookups against the loopback emulator, and cache hits"
 build/default/bench/places_bench --benchmark_color=false
+echo
+echo "== track views of 10,000 and 100,000 points: build against GPX writing, then Chromium"
+build/default/bench/view_bench

@@ -91,11 +91,13 @@
     const parts = track.segments.map(latLngsOf).filter(function (p) { return p.length > 0; });
     if (parts.length === 0) return null;
     parts.forEach(function (p) { p.forEach(function (ll) { bounds.extend(ll); }); });
+    const vertices = parts.reduce(function (n, p) { return n + p.length; }, 0);
+    const smoothFactor = vertices <= 5000 ? 0 : 1;
     if (track.corridor > 0) {
       const latitude = parts[0][0][0];
       const corridor = L.polyline(parts, {
         color: track.color, opacity: 0.25, lineCap: 'round', lineJoin: 'round',
-        interactive: false, className: 'wf-corridor', smoothFactor: 0
+        interactive: false, className: 'wf-corridor', smoothFactor: smoothFactor
       }).addTo(map);
       const resize = function () {
         corridor.setStyle({ weight: corridorWeight(track.corridor, latitude) });
@@ -103,11 +105,13 @@
       map.on('zoomend', resize);
       map.whenReady(resize);
     }
-    // The line's vertices were thinned to a known tolerance already; Leaflet
-    // draws every one of them (smoothFactor 0).
+    // The line's vertices were thinned to a known tolerance already. Up to
+    // 5,000 of them Leaflet draws every one (smoothFactor 0); longer lines it
+    // thins further, to about a pixel at the zoom shown, so that zooming and
+    // panning stay quick.
     const line = L.polyline(parts, {
       color: track.color, opacity: track.opacity, weight: Math.max(1, 3 * track.width),
-      smoothFactor: 0, className: 'wf-line wf-line-' + index,
+      smoothFactor: smoothFactor, className: 'wf-line wf-line-' + index,
       dashArray: track.kind === 'route' ? '6 6' : null
     }).addTo(map);
     line.on('click', function () { select(index); });
@@ -541,5 +545,7 @@
     clearTimeout(resizeTimer);
     resizeTimer = setTimeout(drawProfiles, 100);
   });
+  // For the curious (and for measurements): the map and the page's data.
+  window.wayfolioView = { map: map, data: data, lines: lines };
   document.body.dataset.ready = 'true';
 })();

@@ -40,6 +40,7 @@ constexpr const char* kMeasure = R"js(
   const drawn = profile ? profile.getBoundingClientRect() : null;
   return {
     ready: document.body.dataset.ready === 'true',
+    lineData: wayfolioView.lines.filter(l => l).map(l => l.getLatLngs().flat().length),
     lines: [...document.querySelectorAll('path.wf-line')].map(p => (p.getAttribute('d').match(/[ML]/g) || []).length),
     pins: document.querySelectorAll('.wf-pin').length,
     labels: [...document.querySelectorAll('.wf-pin-label')].map(e => e.textContent).sort(),
@@ -147,6 +148,8 @@ TEST_F(ViewInChromiumTest, SampleHikeDrawsItsLinePinsPhotosAndProfilesOffline) {
   EXPECT_TRUE(shown["ready"]);
   EXPECT_EQ(shown["errors"], json::array()) << "console errors";
   EXPECT_EQ(shown["outsideRequests"], json::array());
+  // Every vertex the library kept is handed to Leaflet and drawn.
+  EXPECT_EQ(shown["lineData"], json::array({vertices}));
   EXPECT_EQ(shown["lines"], json::array({vertices}));
   EXPECT_EQ(shown["pins"], hike->waypointCount());
   EXPECT_EQ(shown["labels"], json::array({"Bachalpsee", "First"}));
