@@ -407,8 +407,8 @@
     });
     // The axis's unit in the top right corner, clear of the tick labels.
     const unit = state.axis === 'distance' ? units.length.name : 'time, ' + zoneText(s.timezone);
-    svgElement(svg, 'text', { x: box.left + box.width - 6, y: box.top + 13, 'text-anchor': 'end' }, unit);
-    svgElement(svg, 'text', { class: 'wf-chart-title', x: box.left + 6, y: box.top + 13 },
+    svgElement(svg, 'text', { x: box.left + box.width, y: 15, 'text-anchor': 'end' }, unit);
+    svgElement(svg, 'text', { class: 'wf-chart-title', x: box.left, y: 15 },
                chart.title + ' (' + (chart.key === 'ele' ? units.elevation.name : units.speed.name) + ')');
   }
 
@@ -430,7 +430,8 @@
     }
     const pad = Math.max((yData[1] - yData[0]) * 0.08, chart.key === 'ele' ? 5 : 0.5);
     const yRange = [chart.key === 'spd' ? Math.max(0, yData[0] - pad) : yData[0] - pad, yData[1] + pad];
-    const box = { left: 52, top: 8, width: width - 64, height: height - 30 };
+    // Title and unit sit in a strip above the plot.
+    const box = { left: 52, top: 22, width: width - 64, height: height - 44 };
     chart.box = box;
     chart.xRange = xRange;
     chart.yRange = yRange;

@@ -37,7 +37,7 @@ std::vector<std::string> arguments(const std::string& profile, int width, int he
       "chromium", "--headless", "--no-sandbox", "--remote-debugging-pipe",
       "--user-data-dir=" + profile, "--no-first-run", "--no-default-browser-check",
       "--disable-background-networking", "--disable-component-update", "--disable-sync",
-      "--host-resolver-rules=MAP * ~NOTFOUND", "--proxy-server=127.0.0.1:9",
+      "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1", "--proxy-server=127.0.0.1:9",
       "--hide-scrollbars", "--window-size=" + std::to_string(width) + "," + std::to_string(height),
       "about:blank"};
   args.insert(args.end(), browser.begin(), browser.end());
@@ -69,7 +69,8 @@ pid_t spawn(const std::vector<std::string>& args, int commands, int replies, con
 }  // namespace
 
 std::optional<HeadlessChromium> HeadlessChromium::start(const std::string& profileFolder, int width,
-                                                        int height, std::string& why) {
+                                                        int height, std::string& why,
+                                                        Network network) {
   std::error_code ignored;
   std::filesystem::create_directories(profileFolder, ignored);
   int commands[2], replies[2];
@@ -78,7 +79,8 @@ std::optional<HeadlessChromium> HeadlessChromium::start(const std::string& profi
     return std::nullopt;
   }
   for (int* end : {&commands[0], &commands[1], &replies[0], &replies[1]}) *end = high(*end);
-  const bool isolated = runShellCommand("unshare -n true") == 0;
+  const bool online = network == Network::kLoopbackOnly;
+  const bool isolated = !online && runShellCommand("unshare -n true") == 0;
   const pid_t pid = spawn(arguments(profileFolder, width, height, isolated), commands[0],
                           replies[1], profileFolder + "/chromium.log");
   ::close(commands[0]);
@@ -88,7 +90,7 @@ std::optional<HeadlessChromium> HeadlessChromium::start(const std::string& profi
     why = "chromium could not be started (is Debian's chromium installed?)";
     return std::nullopt;
   }
-  if (!browser.attach()) {
+  if (!browser.attach(online)) {
     why = "chromium did not answer on its debugging pipe; see " + profileFolder + "/chromium.log";
     return std::nullopt;
   }
@@ -121,7 +123,7 @@ HeadlessChromium::~HeadlessChromium() {
   ::waitpid(pid_, nullptr, 0);
 }
 
-bool HeadlessChromium::attach() {
+bool HeadlessChromium::attach(bool online) {
   const auto target = send("Target.createTarget", {{"url", "about:blank"}}, false);
   if (!target.contains("targetId")) return false;
   const auto attached = send("Target.attachToTarget",
@@ -131,6 +133,7 @@ bool HeadlessChromium::attach() {
   for (const char* domain : {"Runtime.enable", "Log.enable", "Network.enable", "Page.enable"}) {
     if (call(domain).contains("error")) return false;
   }
+  if (online) return true;
   // Pages see navigator.onLine false and every request fails at once.
   return !call("Network.emulateNetworkConditions", {{"offline", true},
                                                     {"latency", 0},

@@ -4,7 +4,10 @@
 // events come out on descriptor 4, each message ending in a NUL byte). The
 // network is cut off: the browser runs in a network namespace of its own
 // when the system allows one, host names never resolve, every proxy
-// connection is refused, and pages are told they are offline.
+// connection is refused, and pages are told they are offline. Started as
+// "loopback only", it keeps the last two and reaches 127.0.0.1 (which no
+// proxy serves), so pages believe they are online and can load from a
+// server of the test's own.
 
 #include <nlohmann/json.hpp>
 
@@ -19,10 +22,13 @@ namespace kvtrack::testing {
 
 class HeadlessChromium {
  public:
+  enum class Network { kNone, kLoopbackOnly };
+
   /// Starts the browser with a profile in the folder and opens one page
   /// (viewport width x height). Absent, with the reason, when it cannot.
   static std::optional<HeadlessChromium> start(const std::string& profileFolder, int width,
-                                               int height, std::string& why);
+                                               int height, std::string& why,
+                                               Network network = Network::kNone);
   ~HeadlessChromium();
   HeadlessChromium(HeadlessChromium&& other) noexcept;
   HeadlessChromium& operator=(HeadlessChromium&&) = delete;
@@ -52,7 +58,7 @@ class HeadlessChromium {
   nlohmann::json send(const std::string& method, const nlohmann::json& params, bool onPage);
   std::optional<nlohmann::json> nextMessage(std::chrono::steady_clock::time_point deadline);
   void note(const nlohmann::json& event);
-  bool attach();
+  bool attach(bool online);
 
   pid_t pid_ = -1;
   int toBrowser_ = -1, fromBrowser_ = -1;

@@ -8,7 +8,10 @@
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
 #include "kvtrack/view/TrackViewData.h"
+#include "kvtrack/view/TrackViewPage.h"
 #include "tests/common/ScratchFolder.h"
+#include "tests/common/TrackBuilders.h"
+#include "tests/places/PlaceServiceEmulator.h"
 #include "tests/view/HeadlessChromium.h"
 
 #include <gmock/gmock.h>
@@ -17,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <regex>
 
 namespace kvtrack::testing {
 namespace {
@@ -185,6 +189,45 @@ TEST_F(ViewInChromiumTest, FolderViewShowsEveryTrackWithLegendAndSums) {
   ASSERT_EQ(shown["legend"].size(), 3u);
   EXPECT_TRUE(shown["sums"]);
   EXPECT_EQ(shown["photoMarkers"], 2);
+}
+
+TEST_F(ViewInChromiumTest, OnlineTheMapLoadsItsTiles) {
+  // A tile server of our own on the loopback address stands in for
+  // OpenStreetMap; any small PNG serves as a tile.
+  const std::string tile = ScratchFolder::read(std::string(kLeafletFolder) + "/images/layers.png");
+  ASSERT_FALSE(tile.empty());
+  LoopbackHttpServer tiles([&](const HttpExchange&) {
+    return CannedAnswer{200, tile, std::chrono::milliseconds(0), "image/png"};
+  });
+  TrackViewOptions options;
+  options.title = "Walk";
+  options.tileUrl = tiles.url() + "/{z}/{x}/{y}.png";
+  const std::string page = scratch.file("walk.html");
+  ASSERT_TRUE(writeTrackView(page, {walk("Walk", 50)}, options).ok());
+
+  std::string why;
+  auto browser = HeadlessChromium::start(scratch.file("profile"), 1280, 1000, why,
+                                         HeadlessChromium::Network::kLoopbackOnly);
+  ASSERT_TRUE(browser) << why;
+  ASSERT_TRUE(browser->navigate("file://" + page));
+  const json shown = browser->evaluate(R"js(
+    (async () => {
+      for (let i = 0; i < 100 && !document.querySelector('.leaflet-tile-loaded'); i++) {
+        await new Promise(r => setTimeout(r, 50));
+      }
+      return { loaded: document.querySelectorAll('.leaflet-tile-loaded').length,
+               offlineNote: !!document.querySelector('.wf-offline') };
+    })()
+  )js");
+  EXPECT_GT(shown["loaded"].get<int>(), 0) << shown.dump();
+  EXPECT_FALSE(shown["offlineNote"]);
+  EXPECT_EQ(browser->errors(), std::vector<std::string>{});
+  ASSERT_GT(tiles.requestCount(), 0u);
+  for (const auto& request : tiles.requests()) {
+    EXPECT_TRUE(std::regex_match(request.path, std::regex("/[0-9]+/[0-9]+/[0-9]+\\.png")))
+        << request.path;
+  }
+  keepScreenshot(browser->screenshot(), "online-walk.png");
 }
 
 }  // namespace
