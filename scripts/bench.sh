@@ -19,3 +19,6 @@ build/default/bench/places_bench --benchmark_color=false
 echo
 echo "== BG-728 downloads from the emulated logger against the raw pty"
 build/default/bench/bg728_bench
+echo
+echo "== track views of 10,000 and 100,000 points: build against GPX writing, then Chromium"
+build/default/bench/view_bench

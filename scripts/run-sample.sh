@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds wayfolio, imports the bundled examples
 # into a fresh library in build/sample-library, attaches the sample photos
-# to the hike, prints the tree and exports the hike as KMZ and CSV and the
-# whole library as a zip archive into build/sample-exports.
+# to the hike, prints the tree, exports the hike as KMZ and CSV and the
+# whole library as a zip archive into build/sample-exports, and writes the
+# hike's view (an HTML page with map and profiles) there too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -30,3 +31,7 @@ echo "== wayfolio export 'Bachalpsee hike' --kmz / --csv, zip"
 "$wayfolio" --library "$library" export 'Bachalpsee hike' --csv "$exports/bachalpsee-hike.csv"
 "$wayfolio" --library "$library" zip "$exports/library.zip" --folder / --subfolders
 ls -l "$exports"
+echo
+echo "== wayfolio view 'Bachalpsee hike'"
+"$wayfolio" --library "$library" view 'Bachalpsee hike' --html "$exports/bachalpsee-hike.html"
+echo "Open it in a browser: file://$(pwd)/$exports/bachalpsee-hike.html"

@@ -81,4 +81,27 @@ Status GxImage::writeScaledJpeg(const std::string& target, int width, int height
   return {};
 }
 
+std::optional<std::string> GxImage::uprightJpegData(int maxWidth, int maxHeight,
+                                                    float quality) const {
+  if (maxWidth <= 0 || maxHeight <= 0 || !startVips()) return std::nullopt;
+  VipsImage* raw = nullptr;
+  // Fits within the box; libvips turns the pixels by the orientation tag.
+  if (vips_thumbnail(path_.c_str(), &raw, maxWidth, "height", maxHeight, "size", VIPS_SIZE_DOWN,
+                     "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
+    logf("GxImage: cannot decode {}: {}", path_, takeVipsError());
+    return std::nullopt;
+  }
+  ImageHandle scaled(raw);
+  const int q = std::clamp(static_cast<int>(std::lround(quality * 100.0f)), 1, 100);
+  void* buffer = nullptr;
+  size_t length = 0;
+  if (vips_jpegsave_buffer(scaled.get(), &buffer, &length, "Q", q, "strip", TRUE, nullptr) != 0) {
+    logf("GxImage: cannot encode a copy of {}: {}", path_, takeVipsError());
+    return std::nullopt;
+  }
+  std::string bytes(static_cast<const char*>(buffer), length);
+  g_free(buffer);
+  return bytes;
+}
+
 }  // namespace kvtrack

@@ -30,6 +30,11 @@ class GxImage {
   /// the image cannot be decoded or the file not written.
   Status writeScaledJpeg(const std::string& target, int width, int height, float quality) const;
 
+  /// A JPEG that fits within maxWidth x maxHeight, turned upright by its
+  /// EXIF orientation (so it shows right without metadata), quality 0..1,
+  /// as bytes. Absent, logged, when the image cannot be decoded or encoded.
+  std::optional<std::string> uprightJpegData(int maxWidth, int maxHeight, float quality) const;
+
  private:
   GxImage(std::string path, int width, int height, int orientation)
       : path_(std::move(path)), width_(width), height_(height), orientation_(orientation) {}

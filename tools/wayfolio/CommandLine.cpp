@@ -106,6 +106,7 @@ int runCommandLine(int argc, char** argv) {
   addZipCommand(app, invocation);
   addSyncCommand(app, invocation);
   addCheckCommand(app, invocation);
+  addViewCommand(app, invocation);
   addPhotoCommands(app, invocation);
   addPlaceCommands(app, invocation);
   addDeviceCommands(app, invocation);

@@ -58,5 +58,6 @@ void addExportCommands(CLI::App& app, Invocation& invocation);     // export, co
 void addZipCommand(CLI::App& app, Invocation& invocation);
 void addSyncCommand(CLI::App& app, Invocation& invocation);
 void addCheckCommand(CLI::App& app, Invocation& invocation);
+void addViewCommand(CLI::App& app, Invocation& invocation);
 
 }  // namespace wayfolio
