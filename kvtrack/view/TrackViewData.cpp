@@ -112,9 +112,9 @@ RecordedTrack readTrack(Track& track, TrackViewData& view) {
   track.loadFromLibrary();
   track.updateAll();
   RecordedTrack recorded;
-  const std::vector<TrackPointPtr>& points = track.trackPoints();
+  const auto points = track.trackPoints();
   recorded.segments = recordedSegments(track);
-  recorded.samples = samplesOf(points);
+  recorded.samples = samplesOf(*points);
   for (const auto& point : points) {
     if (isPinned(*point)) recorded.waypoints.push_back(waypointOf(*point));
     for (const auto& photo : point->trackPhotos()) recorded.photos.push_back(photo);
@@ -188,7 +188,7 @@ size_t TrackViewData::drawnVertexCount() const {
 std::vector<std::vector<GeoVertex>> recordedSegments(Track& track) {
   std::vector<std::vector<GeoVertex>> segments;
   if (track.type() >= Track::kGeocacheCollection) return segments;
-  const std::vector<TrackPointPtr>& points = track.trackPoints();
+  const auto points = track.trackPoints();
   segments.emplace_back();
   for (size_t i = 0; i < points.size(); ++i) {
     segments.back().push_back({points[i]->latitude(), points[i]->longitude()});

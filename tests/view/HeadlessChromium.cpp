@@ -1,6 +1,7 @@
 #include "tests/view/HeadlessChromium.h"
 
 #include "kvtrack/support/Base64.h"
+#include "kvtrack/support/ChildProcess.h"
 #include "kvtrack/support/ExternalProgram.h"
 
 #include <fcntl.h>
@@ -59,9 +60,18 @@ pid_t spawn(const std::vector<std::string>& args, int commands, int replies, con
   std::vector<char*> envp;
   for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
-  CleanChildAttributes attributes;
+  // No blocked signals and a default SIGPIPE in the browser, whatever the test runner set.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t signals;
+  sigemptyset(&signals);
+  posix_spawnattr_setsigmask(&attributes, &signals);
+  sigaddset(&signals, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = -1;
-  const int failed = posix_spawnp(&pid, argv[0], &actions, attributes.get(), argv.data(), envp.data());
+  const int failed = posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), envp.data());
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return failed == 0 ? pid : -1;
 }
