@@ -22,7 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::at;
 using ::testing::HasSubstr;
-using Names = std::vector<std::string>;
 
 GeocacheLogPtr makeLog(std::optional<ISODate> time, const char* geocacher, int32_t type, const char* text) {
   auto log = std::make_shared<GeocacheLog>();
@@ -56,52 +55,51 @@ auto logsOf(const Geocache& g) {
   return logs;
 }
 
-// Reads the blocks the way the GPX waypoint reader does and records which
-// ends reached the root (so a handler that fails to hand back shows).
-struct WaypointReader : xml::SaxHandler {
-  Geocache plain, groundspeak;
-  std::optional<std::string> url;
-  Names rootEnds;
-
-  void startElement(xml::SaxParser& parser, std::string_view name, const xml::Attributes& attributes) override {
-    if (name == "geocache") GeocacheGPX::geocacheGPXElementForGeocache(plain, parser, attributes, url);
-    if (name == "groundspeak:cache") GeocacheGPX::groundspeakCacheGPXElementForGeocache(groundspeak, parser, attributes);
-  }
-  void endElement(xml::SaxParser&, std::string_view name) override { rootEnds.emplace_back(name); }
-  bool read(const std::string& text) { return xml::SaxParser().parseText(text, *this); }
-};
-
+// The cache on a waypoint of a place list, written with the configuration
+// and read back, with a second waypoint behind it that reads back only when
+// the cache's reader hands the parser back.
 struct Written {
-  std::string text;
-  WaypointReader reader;
+  std::string text, block;  // the whole file, and the first cache block in it
+  GeocachePtr read;
 };
-
-enum Blocks { kPlain, kGroundspeak, kGroundspeakPlainText };
-
-// Writes the cache's block into a waypoint of a fresh document and reads it back.
-Written writeAndRead(const GeocachePtr& cache, Blocks blocks) {
-  TrackPoint point;
-  point.setGeocache(cache);
-  xml::XmlDocument document("gpx");
-  xml::XmlElement waypoint = document.root().addChild("wpt");
-  if (blocks == kPlain) GeocacheGPX::appendPlainBlock(waypoint, point, std::nullopt);
-  if (blocks != kPlain) GeocacheGPX::appendGroundspeakBlock(waypoint, point, blocks == kGroundspeakPlainText);
-  Written result{document.text("UTF-8"), {}};
-  EXPECT_TRUE(result.reader.read(result.text)) << result.text;
-  EXPECT_EQ(result.reader.rootEnds, (Names{"wpt", "gpx"}));
+Written writeAndRead(const GeocachePtr& cache, GpxExportConfiguration configuration = {}) {
+  testing::ScratchFolder folder;
+  auto track = Track::track();
+  track->setType(Track::kLibraryCollection);
+  testing::addWaypoint(*track, 47, 8, "GC1")->setGeocache(cache);
+  testing::addWaypoint(*track, 48, 9, "after");
+  const std::string path = folder.file("cache.gpx");
+  EXPECT_TRUE(TrackGPX(track).exportTo(path, configuration));
+  Written result{testing::ScratchFolder::read(path), {}, nullptr};
+  const size_t start = result.text.find("cache"), end = result.text.find("cache>", start + 1);
+  result.block = result.text.substr(start, end == std::string::npos ? 0 : end - start);
+  auto copy = Track::track();
+  EXPECT_TRUE(TrackGPX(copy).importFrom(path));
+  EXPECT_EQ(copy->trackPoints().size(), 2u);
+  EXPECT_EQ(copy->trackPoints().back()->name(), "after");
+  if (!copy->trackPoints().empty()) result.read = copy->trackPoints().front()->geocache();
+  EXPECT_NE(result.read, nullptr);
   return result;
 }
 
+GpxExportConfiguration groundspeakOnly(bool descriptionAsPlainText = false) {
+  GpxExportConfiguration configuration;
+  configuration.setExportGroundspeakExtensions(true);
+  configuration.setExportGeocachingAuExtensions(false);
+  configuration.setExportGeocachingDescriptionAsPlainText(descriptionAsPlainText);
+  return configuration;
+}
+
 TEST(GeocachePlainBlock, ChildrenInAFixedOrderWithNamedValuesAndUnsetFieldsLeftOut) {
-  Written w = writeAndRead(fullGeocache(), kPlain);
-  EXPECT_THAT(w.text, HasSubstr("<geocache status=\"Archived\" id=\"GC12345\">"));
-  EXPECT_THAT(w.text, HasSubstr("<type>Owner Maintenance</type>"));  // the first log's
+  Written w = writeAndRead(fullGeocache());
+  EXPECT_THAT(w.block, HasSubstr("cache status=\"Archived\" id=\"GC12345\">"));
+  EXPECT_THAT(w.block, HasSubstr("<type>Owner Maintenance</type>"));  // the first log's
   size_t last = 0;
   for (const char* tag : {"<name>", "<owner>", "<locale>", "<state>", "<country>", "<type>Mystery", "<container>",
                           "<difficulty>3.5<", "<terrain>2.0<", "<summary>", "<description>", "<hints>",
                           "<licence>CC BY<", "<logs>"}) {
-    ASSERT_GT(w.text.find(tag), last) << tag << "\n" << w.text;
-    last = w.text.find(tag);
+    ASSERT_GT(w.block.find(tag), last) << tag << "\n" << w.text;
+    last = w.block.find(tag);
   }
 
   auto bare = std::make_shared<Geocache>();
@@ -109,36 +107,35 @@ TEST(GeocachePlainBlock, ChildrenInAFixedOrderWithNamedValuesAndUnsetFieldsLeftO
   bare->identifier = "";
   bare->logs = {makeLog(std::nullopt, "A", 9, "x")};
   bare->logs[0]->identifier = "";
-  w = writeAndRead(bare, kPlain);
-  for (const char* present : {"<geocache>", "<log>", "<type/>"}) EXPECT_THAT(w.text, HasSubstr(present));
+  w = writeAndRead(bare);
+  EXPECT_TRUE(w.block.starts_with("cache>")) << w.text;
+  for (const char* present : {"<log>", "<type/>"}) EXPECT_THAT(w.block, HasSubstr(present));
   for (const char* absent : {"<name", "<owner", "<summary", "<description", "<hints", "<licence", "<time"}) {
-    EXPECT_THAT(w.text, ::testing::Not(HasSubstr(absent)));
+    EXPECT_THAT(w.block, ::testing::Not(HasSubstr(absent)));
   }
-  EXPECT_FALSE(w.reader.plain.identifier);
-  ASSERT_EQ(w.reader.plain.logs.size(), 1u);
-  EXPECT_EQ(w.reader.plain.logs[0]->type, 0);  // an empty type leaves the new log's type
+  ASSERT_TRUE(w.read);
+  EXPECT_FALSE(w.read->identifier);
+  ASSERT_EQ(w.read->logs.size(), 1u);
+  EXPECT_EQ(w.read->logs[0]->type, 0);  // an empty type leaves the new log's type
 }
 
 TEST(GeocachePlainBlock, ReadsIdentifierFromTheWaypointUrlAndExternalReferences) {
-  WaypointReader reader;
-  reader.url = "https://example.org/cache_details.aspx?cacheid=4711";
-  ASSERT_TRUE(reader.read(
-      "<wpt><geocache status=\"unavailable\"><description>wayfolioref:42</description>"
-      "<license>old spelling</license><logs><log><type>Not Attempted</type></log>"
-      "<log><type>found</type></log><other/></logs></geocache></wpt>"));
-  EXPECT_EQ(std::tuple(reader.plain.identifier, reader.plain.status, reader.plain.indexForGPXExternalFile),
-            std::tuple("4711", 2, 42));
-  EXPECT_FALSE(reader.plain.description);
-  EXPECT_EQ(reader.plain.license, "old spelling");
-  ASSERT_EQ(reader.plain.logs.size(), 2u);
-  EXPECT_EQ(reader.plain.logs[0]->type, 2);
-  EXPECT_EQ(reader.plain.logs[1]->type, 0);  // "found" is not "Found": unchanged
-  EXPECT_EQ(reader.rootEnds, (Names{"wpt"}));
-
-  WaypointReader nothingAfter;
-  nothingAfter.url = "https://example.org/?cacheid=";
-  ASSERT_TRUE(nothingAfter.read("<geocache/>"));
-  EXPECT_FALSE(nothingAfter.plain.identifier);
+  testing::ScratchFolder folder;
+  auto track = Track::track();
+  ASSERT_TRUE(TrackGPX(track).importFrom(folder.write("in.gpx", R"(<gpx>
+    <wpt lat="1" lon="1"><url>https://example.org/cache_details.aspx?cacheid=4711</url><geocache status="unavailable">
+      <description>wayfolioref:42</description><license>old spelling</license>
+      <logs><log><type>Not Attempted</type></log><log><type>found</type></log><other/></logs></geocache></wpt>
+    <wpt lat="2" lon="2"><url>https://example.org/?cacheid=</url><geocache/></wpt></gpx>)")));
+  ASSERT_EQ(track->trackPoints().size(), 2u);
+  const Geocache& g = *track->trackPoints()[0]->geocache();
+  EXPECT_EQ(std::tuple(g.identifier, g.status, g.indexForGPXExternalFile), std::tuple("4711", 2, 42));
+  EXPECT_FALSE(g.description);
+  EXPECT_EQ(g.license, "old spelling");
+  ASSERT_EQ(g.logs.size(), 2u);
+  EXPECT_EQ(g.logs[0]->type, 2);
+  EXPECT_EQ(g.logs[1]->type, 0);  // "found" is not "Found": unchanged
+  EXPECT_FALSE(track->trackPoints()[1]->geocache()->identifier);  // nothing after "cacheid="
 }
 
 TEST(GeocacheGroundspeakBlock, EveryFieldRoundTripsInGroundspeaksTexts) {
@@ -146,10 +143,11 @@ TEST(GeocacheGroundspeakBlock, EveryFieldRoundTripsInGroundspeaksTexts) {
   cache->logs[0]->type = 0;
   cache->logs.push_back(makeLog(at("2013-01-02T03:04:05Z"), "Nora", 3, "Nice"));
   cache->logs.push_back(makeLog(at("2013-01-03T03:04:05Z"), "Otto", 5, "Checked"));
-  Written w = writeAndRead(cache, kGroundspeak);
-  EXPECT_EQ(fieldsOf(w.reader.groundspeak), fieldsOf(*cache));
-  EXPECT_EQ(logsOf(w.reader.groundspeak), logsOf(*cache));
-  EXPECT_EQ(w.reader.groundspeak.yourLogType, 2);
+  Written w = writeAndRead(cache, groundspeakOnly());
+  ASSERT_TRUE(w.read);
+  EXPECT_EQ(fieldsOf(*w.read), fieldsOf(*cache));
+  EXPECT_EQ(logsOf(*w.read), logsOf(*cache));
+  EXPECT_THAT(w.text, ::testing::Not(HasSubstr("<geocache")));
   for (const std::string& fragment :
        {std::string("<groundspeak:cache xmlns:groundspeak=\"") + GeocacheGPX::kGroundspeakNamespace +
             R"(" id="GC12345" available="False" archived="True">)",
@@ -165,27 +163,25 @@ TEST(GeocacheGroundspeakBlock, EveryFieldRoundTripsInGroundspeaksTexts) {
   cache = std::make_shared<Geocache>();
   cache->description = "<p>Look <b>here</b></p>";
   cache->logs = {makeLog(std::nullopt, "A", 2, "not attempted"), makeLog(std::nullopt, "B", 4, "x")};
-  w = writeAndRead(cache, kGroundspeakPlainText);
+  w = writeAndRead(cache, groundspeakOnly(true));
+  ASSERT_TRUE(w.read);
   EXPECT_THAT(w.text, HasSubstr("<groundspeak:long_description html=\"False\">Look here<"));
-  EXPECT_EQ(w.reader.groundspeak.description, "Look here");
-  ASSERT_EQ(w.reader.groundspeak.logs.size(), 2u);
-  for (const auto& log : w.reader.groundspeak.logs) EXPECT_EQ(log->type, 0);  // "Other" is nothing in particular
+  EXPECT_EQ(w.read->description, "Look here");
+  ASSERT_EQ(w.read->logs.size(), 2u);
+  for (const auto& log : w.read->logs) EXPECT_EQ(log->type, 0);  // "Other" is nothing in particular
 }
 
 TEST(GeocacheGroundspeakBlock, StatusAndGeneratedIdentifiers) {
   for (auto [status, expected] : std::vector<std::pair<int32_t, int32_t>>{{1, 1}, {2, 2}, {3, 3}, {0, 2}}) {
     auto cache = std::make_shared<Geocache>();
     cache->status = status;
-    EXPECT_EQ(writeAndRead(cache, kGroundspeak).reader.groundspeak.status, expected) << status;
+    const Written w = writeAndRead(cache, groundspeakOnly());
+    EXPECT_EQ(w.read ? w.read->status : -1, expected) << status;
   }
-  WaypointReader both;
-  ASSERT_TRUE(both.read(R"(<groundspeak:cache xmlns:groundspeak="x" available="True" archived="True"/>)"));
-  EXPECT_EQ(both.groundspeak.status, 1);
-
   // Caches without identifier share one counter that starts at 1000.
   auto cache = std::make_shared<Geocache>();
-  const auto first = writeAndRead(cache, kGroundspeak).reader.groundspeak.identifier;
-  const auto second = writeAndRead(cache, kGroundspeak).reader.groundspeak.identifier;
+  const auto first = writeAndRead(cache, groundspeakOnly()).read->identifier;
+  const auto second = writeAndRead(cache, groundspeakOnly()).read->identifier;
   ASSERT_TRUE(first && second);
   EXPECT_GE(std::stoll(*first), 1000);
   EXPECT_EQ(std::stoll(*second), std::stoll(*first) + 1);
@@ -200,7 +196,7 @@ const char* kPocketQuery = R"(<?xml version="1.0" encoding="utf-8"?>
     <desc>Lake view by someone, Traditional Cache (1.5/2)</desc>
     <url>http://www.geocaching.com/seek/cache_details.aspx?guid=abc</url><urlname>Lake view</urlname>
     <sym>Geocache Found</sym><type>Geocache|Traditional Cache</type>
-    <groundspeak:cache id="1234567" available="True" archived="False" xmlns:groundspeak="http://www.groundspeak.com/cache/1/0/1">
+    <groundspeak:cache id="1234567" available="True" archived="True" xmlns:groundspeak="http://www.groundspeak.com/cache/1/0/1">
       <groundspeak:name>Lake view</groundspeak:name><groundspeak:placed_by>someone</groundspeak:placed_by>
       <groundspeak:owner id="42">someone</groundspeak:owner><groundspeak:type>Traditional Cache</groundspeak:type>
       <groundspeak:container>Small</groundspeak:container><groundspeak:difficulty>1.5</groundspeak:difficulty>
@@ -222,6 +218,7 @@ const char* kPocketQuery = R"(<?xml version="1.0" encoding="utf-8"?>
   </wpt>
 </gpx>)";
 
+// Available and archived at once: available wins.
 TEST(GeocachePocketQuery, ReadsTheCacheSkipsTravelBugsAndSpotsTheUsersFind) {
   testing::ScratchFolder folder;
   const std::string path = folder.write("pq.gpx", kPocketQuery);
