@@ -85,43 +85,65 @@ class PlaceServices : public ::testing::Test {
   LogCapture log;
 };
 
-TEST_F(PlaceServices, GeoNamesReverseLookupsFillWhatTheAnswersNameOrFailWithAReason) {
+TEST_F(PlaceServices, ReverseLookupsFillWhatTheAnswersNameOrFailWithAReason) {
+  PlacesSettings settings = emulator.settings("alice");
+  settings.lookupTimeout = std::chrono::milliseconds(1000);
+  GeoNames geoNames(settings);
+  MyGeoNames own(settings);
+  TerraService terra(settings);
+  CoreLocationService coreLocation;
+  EXPECT_EQ(std::tuple(geoNames.name(), own.name(), terra.name()),
+            std::tuple("GeoNames.org", "GeoNames.org", "Microsoft TerraService"));
+  const auto terraAnswer = [](const std::string& result) {
+    return std::map<std::string, CannedAnswer>{
+        {"/TerraService2.asmx",
+         {200, "<ConvertLonLatPtToNearestPlaceResult>" + result + "</ConvertLonLatPtToNearestPlaceResult>"}}};
+  };
   struct Case {
     const char* what;
+    GISServiceConvertLocation& service;
     std::map<std::string, CannedAnswer> answers;
     double lat, lon;
     std::string failure;  // empty for success
     size_t requests;
     Texts names;
   };
-  const std::string cut = "<geonames><geoname><name>Zür";
   const Case cases[] = {
-      {"both answers", {}, 47.3769, 8.5417, "", 2, {"Zürich", "Kanton Zürich", "Switzerland", "CH", "Zürich"}},
-      {"an empty element", {{"/findNearbyPostalCodes", {200, "<code><name>Grindelwald</name><adminName1></adminName1>"}}},
-       46.66, 8.06, "", 2, {"Grindelwald", "old state", "Switzerland", "CH", "Grindelwald"}},
-      {"the open sea", {}, -65.0, -40.0, "", 2, Names().texts},
-      {"an answer cut short", {{"/findNearbyPlaceName", {200, cut}}}, 47.3769, 8.5417, "", 2,
-       {"Zürich", "Kanton Zürich", "old country", "old code", "old place"}},
-      {"a busy server", {{"/findNearbyPlaceName", {503, "busy"}}}, 47.37, 8.54, "answered with HTTP status 503", 1, {}},
-      {"a missing page", {{"/findNearbyPostalCodes", {404, ""}}}, 47.37, 8.54, "404", 2, {}},
-      {"a used-up account", {{"/findNearbyPostalCodes", {200, "<geonames><status message=\"the hourly limit of "
-                                                              "1000 credits for tester has been exceeded.\"/>"}}},
+      {"both answers", geoNames, {}, 47.3769, 8.5417, "", 2, {"Zürich", "Kanton Zürich", "Switzerland", "CH", "Zürich"}},
+      {"an empty element", geoNames,
+       {{"/findNearbyPostalCodes", {200, "<code><name>Grindelwald</name><adminName1></adminName1>"}}}, 46.66, 8.06, "",
+       2, {"Grindelwald", "old state", "Switzerland", "CH", "Grindelwald"}},
+      {"the open sea", geoNames, {}, -65.0, -40.0, "", 2, Names().texts},
+      {"an answer cut short", geoNames, {{"/findNearbyPlaceName", {200, "<geonames><geoname><name>Zür"}}}, 47.3769,
+       8.5417, "", 2, {"Zürich", "Kanton Zürich", "old country", "old code", "old place"}},
+      {"a busy server", geoNames, {{"/findNearbyPlaceName", {503, "busy"}}}, 47.37, 8.54,
+       "answered with HTTP status 503", 1, {}},
+      {"a missing page", geoNames, {{"/findNearbyPostalCodes", {404, ""}}}, 47.37, 8.54, "404", 2, {}},
+      {"a used-up account", geoNames,
+       {{"/findNearbyPostalCodes",
+         {200, "<geonames><status message=\"the hourly limit of 1000 credits for tester has been exceeded.\"/>"}}},
        47.37, 8.54, "GeoNames: the hourly limit of 1000 credits", 2, {}},
-      {"Latin-1", {{"/findNearbyPostalCodes", {200, "<name>Z\xFCrich</name>"}}}, 47.37, 8.54, "not UTF-8", 2, {}},
-      {"a slow server", {{"/findNearbyPlaceName", {200, "<name>late</name>", std::chrono::seconds(5)}}}, 47.37, 8.54,
-       "no answer from", 1, {}},
+      {"Latin-1", geoNames, {{"/findNearbyPostalCodes", {200, "<name>Z\xFCrich</name>"}}}, 47.37, 8.54, "not UTF-8", 2,
+       {}},
+      {"a slow server", geoNames, {{"/findNearbyPlaceName", {200, "<name>late</name>", std::chrono::seconds(5)}}}, 47.37,
+       8.54, "no answer from", 1, {}},
+      {"our own server", own, {}, 46.66, 8.06, "", 2, {"Grindelwald", "Bern", "Switzerland", "CH", "old place"}},
+      {"our own server at sea", own, {}, -65.0, -40.0, "knows no city", 1, {}},  // no featureId: no second request
+      {"TerraService", terra, {}, 64.1, -21.9, "", 1, {"Reykjavík", "Höfuðborgarsvæði", "Iceland", "old code", "old place"}},
+      {"TerraService with three parts", terra, terraAnswer("Seattle, Washington, United States"), 47.6, -122.3, "", 1,
+       {"Seattle", "Washington", "United States", "old code", "old place"}},
+      {"TerraService with two parts", terra, terraAnswer("Seattle, Washington"), 1, 1, "city, state, country", 1, {}},
+      {"TerraService with four parts", terra, terraAnswer("A, B, C, D"), 1, 1, "city, state, country", 1, {}},
+      {"TerraService with nothing", terra, terraAnswer(""), 1, 1, "city, state, country", 1, {}},
+      {"CoreLocation", coreLocation, {}, 47.3, 8.5, "", 0, Names().texts},
   };
-  PlacesSettings settings = emulator.settings("alice");
-  settings.lookupTimeout = std::chrono::milliseconds(1000);
-  GeoNames service(settings);
-  EXPECT_EQ(service.name(), "GeoNames.org");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     emulator.clearAnswers();
     for (const auto& [path, answer] : c.answers) emulator.setAnswer(path, answer);
     const size_t before = emulator.server().requestCount();
     Names names;
-    const Status status = names.lookUp(service, c.lon, c.lat);
+    const Status status = names.lookUp(c.service, c.lon, c.lat);
     EXPECT_EQ(status.reason().empty(), c.failure.empty()) << status.reason();
     EXPECT_THAT(status.reason(), HasSubstr(c.failure));
     EXPECT_EQ(names.texts, c.failure.empty() ? c.names : Names().texts);  // nothing filled by a failed lookup
@@ -134,6 +156,21 @@ TEST_F(PlaceServices, GeoNamesReverseLookupsFillWhatTheAnswersNameOrFailWithARea
       {"username", "alice"}, {"lat", "47.376900"}, {"lng", "8.541700"}, {"style", "FULL"}, {"lang", "en"}};
   EXPECT_EQ(requests[0].query, query);
   EXPECT_EQ(requests[1].query, query);
+  // Our own server: the nearest city's feature, then its names; the exchange is logged in full.
+  const auto first = [&requests](const std::string& path) {
+    return *std::find_if(requests.begin(), requests.end(), [&path](const auto& r) { return r.path == path; });
+  };
+  EXPECT_EQ(first("/geoloc/findnearbylocation").query.at("placetype"), "city");
+  EXPECT_EQ(first("/fulltext/fulltextsearch").query.at("q"), "2657896");
+  EXPECT_TRUE(log.contains("/geoloc/findnearbylocation?lat=46.660000&lng=8.060000&from=1"));
+  EXPECT_TRUE(log.contains("<featureId>2657896</featureId>"));
+  // TerraService: one SOAP request, longitude first.
+  const HttpExchange soap = first("/TerraService2.asmx");
+  EXPECT_EQ(soap.method, "POST");
+  EXPECT_EQ(soap.headers.at("soapaction"), "http://terraservice.net/terraserver/ConvertLonLatPtToNearestPlace");
+  EXPECT_EQ(soap.headers.at("content-type"), "text/xml; charset=utf-8");
+  EXPECT_THAT(soap.body, HasSubstr("<Lon>-21.900000</Lon>"));
+  EXPECT_LT(soap.body.find("<Lon>"), soap.body.find("<Lat>"));
 
   settings.geoNamesServer = "http://127.0.0.1:" + std::to_string(unusedLoopbackPort());
   GeoNames absent(settings);
@@ -145,9 +182,12 @@ TEST_F(PlaceServices, GeoNamesReverseLookupsFillWhatTheAnswersNameOrFailWithARea
   EXPECT_THAT(names.lookUp(withoutAccount, 8.5, 47.3).reason(), HasSubstr("geoNamesUserName"));
   EXPECT_FALSE(withoutAccount.ConvertAddress("Zürich", lon, lat));
   EXPECT_EQ(emulator.server().requestCount(), before);  // nothing sent
+  std::optional<size_t> hits;
+  CoreLocationService::ConvertAddress("Zürich", [&hits](std::vector<GISLocation> found) { hits = found.size(); });
+  EXPECT_EQ(hits, 0u);
 }
 
-TEST_F(PlaceServices, GeoNamesSearchesFindTheFirstHitOrAllOfThem) {
+TEST_F(PlaceServices, SearchesFindTheFirstHitOrAllOfThem) {
   GeoNames service(emulator.settings());
   double lon = 0, lat = 0;
   ASSERT_TRUE(service.ConvertAddress("Zürich", lon, lat));
@@ -169,66 +209,11 @@ TEST_F(PlaceServices, GeoNamesSearchesFindTheFirstHitOrAllOfThem) {
   EXPECT_FALSE(service.ConvertAddress("Zürich", lon, lat));
   EXPECT_FALSE(service.ConvertAddress("Zürich"));
   EXPECT_TRUE(log.contains("GeoNames: ConvertAddress: statusCode = 500"));
-}
 
-TEST_F(PlaceServices, OwnSearchServerAnswersReverseLookupsAndLogsTheExchange) {
-  MyGeoNames service(emulator.settings());
-  EXPECT_EQ(service.name(), "GeoNames.org");
-  Names names;
-  ASSERT_TRUE(names.lookUp(service, 8.06, 46.66));
-  EXPECT_EQ(names.texts, (Texts{"Grindelwald", "Bern", "Switzerland", "CH", "old place"}));
-  const auto requests = emulator.server().requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].path, "/geoloc/findnearbylocation");
-  EXPECT_EQ(requests[0].query.at("placetype"), "city");
-  EXPECT_EQ(requests[1].path, "/fulltext/fulltextsearch");
-  EXPECT_EQ(requests[1].query.at("q"), "2657896");
-  EXPECT_TRUE(log.contains("/geoloc/findnearbylocation?lat=46.660000&lng=8.060000&from=1"));
-  EXPECT_TRUE(log.contains("<featureId>2657896</featureId>"));
-
-  EXPECT_FALSE(Names().lookUp(service, -40.0, -65.0));  // no featureId: fails before the second request
-  EXPECT_EQ(emulator.server().requestCount(), 3u);
-  ASSERT_TRUE(service.ConvertAddress("Zürich"));
+  emulator.clearAnswers();  // our own server logs each hit and each step of the walk
+  ASSERT_TRUE(MyGeoNames(emulator.settings()).ConvertAddress("Zürich"));
   EXPECT_TRUE(log.contains("Lake Zurich Switzerland"));
   EXPECT_TRUE(log.contains("Remaining: <geoname>"));
-}
-
-TEST_F(PlaceServices, TerraServiceSplitsItsAnswerInThree) {
-  TerraService service(emulator.settings());
-  EXPECT_EQ(service.name(), "Microsoft TerraService");
-  Names names;
-  ASSERT_TRUE(names.lookUp(service, -21.9, 64.1));
-  EXPECT_EQ(names.texts, (Texts{"Reykjavík", "Höfuðborgarsvæði", "Iceland", "old code", "old place"}));
-  const auto request = emulator.server().requests().back();
-  EXPECT_EQ(request.method, "POST");
-  EXPECT_EQ(request.headers.at("soapaction"), "http://terraservice.net/terraserver/ConvertLonLatPtToNearestPlace");
-  EXPECT_EQ(request.headers.at("content-type"), "text/xml; charset=utf-8");
-  EXPECT_THAT(request.body, HasSubstr("<Lon>-21.900000</Lon>"));
-  EXPECT_LT(request.body.find("<Lon>"), request.body.find("<Lat>"));
-
-  const auto answer = [this](const std::string& result) {
-    emulator.setAnswer("/TerraService2.asmx",
-                       {200, "<ConvertLonLatPtToNearestPlaceResult>" + result + "</ConvertLonLatPtToNearestPlaceResult>"});
-  };
-  for (const char* result : {"Seattle, Washington", "A, B, C, D", ""}) {
-    answer(result);
-    Names rejected;
-    EXPECT_FALSE(rejected.lookUp(service, 1.0, 1.0)) << result;
-    EXPECT_EQ(rejected.texts, Names().texts);
-  }
-  answer("Seattle, Washington, United States");
-  ASSERT_TRUE(names.lookUp(service, -122.3, 47.6));
-  EXPECT_EQ(names.texts, (Texts{"Seattle", "Washington", "United States", "old code", "old place"}));
-}
-
-TEST(CoreLocationServiceTest, AnswersNothing) {
-  CoreLocationService service;
-  Names names;
-  EXPECT_TRUE(names.lookUp(service, 8.5, 47.3));
-  EXPECT_EQ(names.texts, Names().texts);
-  std::optional<size_t> hits;
-  CoreLocationService::ConvertAddress("Zürich", [&hits](std::vector<GISLocation> found) { hits = found.size(); });
-  EXPECT_EQ(hits, 0u);
 }
 
 TEST_F(PlaceServices, PointsAndTracksGiveTheirPhotosTheNamesAndStopAtTheFirstFailure) {
