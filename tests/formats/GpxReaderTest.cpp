@@ -126,11 +126,11 @@ TEST_F(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
 
 TEST_F(GpxReading, OlderFormsOfPhotosTrackAttributesAndForeignElements) {
   FileHandling::singleton().setUserApplicationSupport(folder.path().string());
-  const Read r = body(R"(<metadata><name>Not the track</name><desc>meta</desc></metadata>
+  const Read r = body(R"(<metadata><name>Not the track</name><desc>meta</desc><time>2000-01-01T00:00:00Z</time></metadata>
     <trk showArea="yes" areaDistance="12" red="0" green="1" blue="0" alpha="0.5"><name>Run</name>
       <extensions><color red="0.25" green="0.25" blue="0.25" alpha="1"/>
         <gpxx:TrackExtension xmlns:gpxx="urn:x"><gpxx:DisplayColor>Red</gpxx:DisplayColor></gpxx:TrackExtension></extensions>
-      <trkseg><trkpt lat="1" lon="1"><speed>7</speed><extensions>
+      <trkseg><trkpt lat="1" lon="1"><time>2012-05-01T10:00:00Z</time><speed>7</speed><extensions>
         <gpxtpx:TrackPointExtension xmlns:gpxtpx="urn:y"><gpxtpx:hr>142</gpxtpx:hr>
           <gpxtpx:name>inner</gpxtpx:name></gpxtpx:TrackPointExtension>
         <wayfolio:photo filename="/photos/a b.jpg" city="Zürich"/>
@@ -145,6 +145,7 @@ TEST_F(GpxReading, OlderFormsOfPhotosTrackAttributesAndForeignElements) {
   EXPECT_EQ(r.track->areaDistanceInMeter(), 12.0f);
   EXPECT_EQ(r.track->color(), (Color{0.25, 0.25, 0.25, 1}));  // the extension comes later
   EXPECT_EQ(r.point(0).speed(), 7.0);
+  EXPECT_EQ(r.point(0).time()->description(), "2012-05-01T10:00:00Z");
   EXPECT_FALSE(r.point(0).name());
   const auto& photos = r.point(0).trackPhotos();
   ASSERT_EQ(photos.size(), 3u);
