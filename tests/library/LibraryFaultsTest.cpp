@@ -4,15 +4,19 @@
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/library/GpxImportConfiguration.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/UniqueFd.h"
 #include "tests/common/FaultySystemCalls.h"
 #include "tests/library/LibraryTestSupport.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 #include <thread>
@@ -165,23 +169,33 @@ TEST(LibraryFailures, KilledSavesLoseNoSavedTrack) {
   size_t savedTracks = 0;
   const int rounds = 20;
   for (int round = 0; round < rounds; ++round) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    UniqueFd saves(ends[0]), saved(ends[1]);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
       OpenedLibrary open(scratch.path());
-      for (;;) {  // imports and saves until killed
+      for (;;) {  // imports and saves until killed, telling of each completed save
         open.library->addTrack(testing::walk("t", 2000));
-        (void)open.library->syncToDisk();
+        if (open.library->syncToDisk()) (void)!::write(saved.get(), "s", 1);
       }
     }
+    saved.reset();
+    // The first round lets a save complete however slow the machine, so that there is something to lose.
+    pollfd waiting{saves.get(), POLLIN, 0};
+    const bool oneSaved = round > 0 || ::poll(&waiting, 1, 60000) == 1;
     std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 150));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(oneSaved) << "no save completed within a minute";
+    char told[4096];
+    const auto completedSaves = static_cast<size_t>(std::max<ssize_t>(0, ::read(saves.get(), told, sizeof told)));
 
     OpenedLibrary open(scratch.path());
     EXPECT_FALSE(open.opening.rebuilt()) << open.opening.indexProblem;
     const auto tracks = open.library->allTracks();
-    EXPECT_GE(tracks.size(), savedTracks);  // no completed save is lost
+    EXPECT_GE(tracks.size(), savedTracks + completedSaves);  // no completed save is lost
     for (const auto& track : tracks) {
       ASSERT_EQ(track->trackPoints().size(), 2000u) << *track->filename();
       EXPECT_FALSE(track->damage());
