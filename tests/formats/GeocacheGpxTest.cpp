@@ -1,7 +1,6 @@
-// The geocache blocks of GPX waypoints, written into a waypoint and read
-// back the way the waypoint reader does; a pocket query read whole; the
-// external description files. Every plain-block field reading back is the
-// GPX round trip's business.
+// The geocache blocks of GPX waypoints, written and read back through
+// TrackGPX; a pocket query read whole; the external description files.
+// Every plain-block field reading back is the GPX round trip's business.
 #include "kvtrack/formats/geocache/GeocacheExternalImport.h"
 #include "kvtrack/formats/geocache/GeocacheGPX.h"
 #include "kvtrack/formats/geocache/GeocachingServices.h"

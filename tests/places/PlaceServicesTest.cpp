@@ -76,39 +76,43 @@ TEST(UrlsToCoordinatesTest, ReadsThePositionOfGoogleMapsLinksOnly) {
   }
 }
 
+// One reverse lookup against the emulator answering so.
+struct Lookup {
+  const char* what;
+  GISServiceConvertLocation& service;
+  std::map<std::string, CannedAnswer> answers;
+  double lat, lon;
+  std::string failure;  // empty for success
+  size_t requests;
+  Texts names;
+};
+
 class PlaceServices : public ::testing::Test {
  protected:
   // The own search server's exchanges are logged in full.
   PlaceServices() { setLogToStandardError(false); }
   ~PlaceServices() override { setLogToStandardError(true); }
+
   PlaceServiceEmulator emulator;
   LogCapture log;
+  PlacesSettings settings = [this] {
+    PlacesSettings s = emulator.settings("alice");
+    s.lookupTimeout = std::chrono::milliseconds(1000);
+    return s;
+  }();
+  GeoNames geoNames{settings};
+  MyGeoNames own{settings};
+  TerraService terra{settings};
+  CoreLocationService coreLocation;
 };
 
 TEST_F(PlaceServices, ReverseLookupsFillWhatTheAnswersNameOrFailWithAReason) {
-  PlacesSettings settings = emulator.settings("alice");
-  settings.lookupTimeout = std::chrono::milliseconds(1000);
-  GeoNames geoNames(settings);
-  MyGeoNames own(settings);
-  TerraService terra(settings);
-  CoreLocationService coreLocation;
-  EXPECT_EQ(std::tuple(geoNames.name(), own.name(), terra.name()),
-            std::tuple("GeoNames.org", "GeoNames.org", "Microsoft TerraService"));
   const auto terraAnswer = [](const std::string& result) {
     return std::map<std::string, CannedAnswer>{
         {"/TerraService2.asmx",
          {200, "<ConvertLonLatPtToNearestPlaceResult>" + result + "</ConvertLonLatPtToNearestPlaceResult>"}}};
   };
-  struct Case {
-    const char* what;
-    GISServiceConvertLocation& service;
-    std::map<std::string, CannedAnswer> answers;
-    double lat, lon;
-    std::string failure;  // empty for success
-    size_t requests;
-    Texts names;
-  };
-  const Case cases[] = {
+  const Lookup lookups[] = {
       {"both answers", geoNames, {}, 47.3769, 8.5417, "", 2, {"Zürich", "Kanton Zürich", "Switzerland", "CH", "Zürich"}},
       {"an empty element", geoNames,
        {{"/findNearbyPostalCodes", {200, "<code><name>Grindelwald</name><adminName1></adminName1>"}}}, 46.66, 8.06, "",
@@ -137,7 +141,7 @@ TEST_F(PlaceServices, ReverseLookupsFillWhatTheAnswersNameOrFailWithAReason) {
       {"TerraService with nothing", terra, terraAnswer(""), 1, 1, "city, state, country", 1, {}},
       {"CoreLocation", coreLocation, {}, 47.3, 8.5, "", 0, Names().texts},
   };
-  for (const Case& c : cases) {
+  for (const Lookup& c : lookups) {
     SCOPED_TRACE(c.what);
     emulator.clearAnswers();
     for (const auto& [path, answer] : c.answers) emulator.setAnswer(path, answer);
@@ -149,46 +153,48 @@ TEST_F(PlaceServices, ReverseLookupsFillWhatTheAnswersNameOrFailWithAReason) {
     EXPECT_EQ(names.texts, c.failure.empty() ? c.names : Names().texts);  // nothing filled by a failed lookup
     EXPECT_EQ(emulator.server().requestCount() - before, c.requests);  // a failed first request stops at once
   }
+}
+
+TEST_F(PlaceServices, RequestsAsEachServiceWantsThemAndNoneWithoutAnAccount) {
+  EXPECT_EQ(std::tuple(geoNames.name(), own.name(), terra.name()),
+            std::tuple("GeoNames.org", "GeoNames.org", "Microsoft TerraService"));
+  Names names;
+  ASSERT_TRUE(names.lookUp(geoNames, 8.5417, 47.3769));
+  ASSERT_TRUE(names.lookUp(own, 8.06, 46.66));
+  ASSERT_TRUE(names.lookUp(terra, -21.9, 64.1));
   const auto requests = emulator.server().requests();
-  EXPECT_EQ(requests[0].path, "/findNearbyPlaceName");
-  EXPECT_EQ(requests[1].path, "/findNearbyPostalCodes");
+  ASSERT_EQ(requests.size(), 5u);
   const std::map<std::string, std::string> query{
       {"username", "alice"}, {"lat", "47.376900"}, {"lng", "8.541700"}, {"style", "FULL"}, {"lang", "en"}};
-  EXPECT_EQ(requests[0].query, query);
-  EXPECT_EQ(requests[1].query, query);
+  EXPECT_EQ(std::tuple(requests[0].path, requests[0].query), std::tuple("/findNearbyPlaceName", query));
+  EXPECT_EQ(std::tuple(requests[1].path, requests[1].query), std::tuple("/findNearbyPostalCodes", query));
   // Our own server: the nearest city's feature, then its names; the exchange is logged in full.
-  const auto first = [&requests](const std::string& path) {
-    return *std::find_if(requests.begin(), requests.end(), [&path](const auto& r) { return r.path == path; });
-  };
-  EXPECT_EQ(first("/geoloc/findnearbylocation").query.at("placetype"), "city");
-  EXPECT_EQ(first("/fulltext/fulltextsearch").query.at("q"), "2657896");
+  EXPECT_EQ(std::tuple(requests[2].path, requests[2].query.at("placetype"), requests[3].path, requests[3].query.at("q")),
+            std::tuple("/geoloc/findnearbylocation", "city", "/fulltext/fulltextsearch", "2657896"));
   EXPECT_TRUE(log.contains("/geoloc/findnearbylocation?lat=46.660000&lng=8.060000&from=1"));
   EXPECT_TRUE(log.contains("<featureId>2657896</featureId>"));
   // TerraService: one SOAP request, longitude first.
-  const HttpExchange soap = first("/TerraService2.asmx");
-  EXPECT_EQ(soap.method, "POST");
-  EXPECT_EQ(soap.headers.at("soapaction"), "http://terraservice.net/terraserver/ConvertLonLatPtToNearestPlace");
-  EXPECT_EQ(soap.headers.at("content-type"), "text/xml; charset=utf-8");
-  EXPECT_THAT(soap.body, HasSubstr("<Lon>-21.900000</Lon>"));
-  EXPECT_LT(soap.body.find("<Lon>"), soap.body.find("<Lat>"));
+  EXPECT_EQ(requests[4].method, "POST");
+  EXPECT_EQ(requests[4].headers.at("soapaction"), "http://terraservice.net/terraserver/ConvertLonLatPtToNearestPlace");
+  EXPECT_EQ(requests[4].headers.at("content-type"), "text/xml; charset=utf-8");
+  EXPECT_THAT(requests[4].body, HasSubstr("<Lon>-21.900000</Lon>"));
+  EXPECT_LT(requests[4].body.find("<Lon>"), requests[4].body.find("<Lat>"));
 
   settings.geoNamesServer = "http://127.0.0.1:" + std::to_string(unusedLoopbackPort());
   GeoNames absent(settings);
-  Names names;
   EXPECT_THAT(names.lookUp(absent, 8.5, 47.3).reason(), HasSubstr("cannot reach"));
-  const size_t before = emulator.server().requestCount();
   double lon = 0, lat = 0;
   GeoNames withoutAccount(emulator.settings(""));
   EXPECT_THAT(names.lookUp(withoutAccount, 8.5, 47.3).reason(), HasSubstr("geoNamesUserName"));
   EXPECT_FALSE(withoutAccount.ConvertAddress("Zürich", lon, lat));
-  EXPECT_EQ(emulator.server().requestCount(), before);  // nothing sent
+  EXPECT_EQ(emulator.server().requestCount(), 5u);  // nothing sent
   std::optional<size_t> hits;
   CoreLocationService::ConvertAddress("Zürich", [&hits](std::vector<GISLocation> found) { hits = found.size(); });
   EXPECT_EQ(hits, 0u);
 }
 
 TEST_F(PlaceServices, SearchesFindTheFirstHitOrAllOfThem) {
-  GeoNames service(emulator.settings());
+  GeoNames& service = geoNames;
   double lon = 0, lat = 0;
   ASSERT_TRUE(service.ConvertAddress("Zürich", lon, lat));
   EXPECT_EQ(std::pair(lat, lon), std::pair(47.36667, 8.55));
@@ -211,7 +217,7 @@ TEST_F(PlaceServices, SearchesFindTheFirstHitOrAllOfThem) {
   EXPECT_TRUE(log.contains("GeoNames: ConvertAddress: statusCode = 500"));
 
   emulator.clearAnswers();  // our own server logs each hit and each step of the walk
-  ASSERT_TRUE(MyGeoNames(emulator.settings()).ConvertAddress("Zürich"));
+  ASSERT_TRUE(own.ConvertAddress("Zürich"));
   EXPECT_TRUE(log.contains("Lake Zurich Switzerland"));
   EXPECT_TRUE(log.contains("Remaining: <geoname>"));
 }
@@ -227,7 +233,7 @@ TEST_F(PlaceServices, PointsAndTracksGiveTheirPhotosTheNamesAndStopAtTheFirstFai
     }
   }
   const auto photo = [&track](size_t point, size_t i = 0) { return track->trackPoints()[point]->trackPhotos()[i]; };
-  GeoNames service(emulator.settings());
+  GeoNames& service = geoNames;
   ASSERT_TRUE(TrackPlaces::updateAddressInformationWithService(*track->trackPoints()[1], service));
   EXPECT_EQ(emulator.server().requestCount(), 0u);  // no photos, no lookup
 
