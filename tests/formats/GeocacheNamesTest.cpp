@@ -18,35 +18,25 @@ TEST(GeocacheNames, EveryValueReadsBackFromItsName) {
   for (int32_t v = 0; v <= 5; ++v) EXPECT_EQ(logTypeForGPXName(gpxNameForLogType(v)), v);
 }
 
-TEST(GeocacheNames, TextsAsOtherProgramsWriteThem) {
+TEST(GeocacheNames, TextsAsOtherProgramsWriteThemAndLookupsThatFallBack) {
   EXPECT_FALSE(gpxNameforStatus(4));
-  EXPECT_EQ(gpxNameForContainer(1), "Nano");
-  EXPECT_EQ(gpxNameForContainer(99), "Other");
-  EXPECT_EQ(gpxNameForType(7), "benchmark");
-  EXPECT_EQ(gpxNameForType(13), "Other");
-  EXPECT_EQ(groundspeakGpxNameForType(1), "Multi-cache");
-  EXPECT_EQ(groundspeakGpxNameForType(7), "benchmark Cache");
-  EXPECT_EQ(groundspeakGpxNameForType(9), "Letterbox Hybrid");
-  EXPECT_EQ(groundspeakGpxNameForType(-3), "Other");
-  EXPECT_EQ(gpxNameForLogType(4), "Other");
-  const char* groundspeakLogs[] = {"Found it", "Didn't find it", "Other", "Write note", "Other",
-                                   "Owner Maintenance", ""};
+  const std::pair<std::string, std::string> names[] = {
+      {gpxNameForContainer(1), "Nano"}, {gpxNameForContainer(99), "Other"}, {gpxNameForType(7), "benchmark"},
+      {gpxNameForType(13), "Other"}, {groundspeakGpxNameForType(1), "Multi-cache"},
+      {groundspeakGpxNameForType(7), "benchmark Cache"}, {groundspeakGpxNameForType(9), "Letterbox Hybrid"},
+      {groundspeakGpxNameForType(-3), "Other"}, {gpxNameForLogType(4), "Other"},
+      {groundspeakGpxNameForLogType(-1), ""}};
+  for (const auto& [name, expected] : names) EXPECT_EQ(name, expected);
+  const char* groundspeakLogs[] = {"Found it", "Didn't find it", "Other", "Write note", "Other", "Owner Maintenance", ""};
   for (int32_t v = 0; v <= 6; ++v) EXPECT_EQ(groundspeakGpxNameForLogType(v), groundspeakLogs[v]);
-  EXPECT_EQ(groundspeakGpxNameForLogType(-1), "");
-}
-
-TEST(GeocacheNames, ReverseLookupsIgnoreCaseAndFallBack) {
-  EXPECT_EQ(statusForGPXName("ARCHIVED"), 3);
-  EXPECT_EQ(statusForGPXName("gone"), 0);
-  EXPECT_EQ(containerForGPXName("large"), 5);
-  EXPECT_EQ(containerForGPXName("Not chosen"), 6);
-  EXPECT_EQ(typeForGPXName("Unknown Cache"), 12);
-  EXPECT_EQ(typeForGPXName("BENCHMARK"), 7);
-  EXPECT_EQ(typeForGPXName("Traditional Cache"), 5);  // the Groundspeak text is unknown here
-  EXPECT_EQ(typeForGroundspeakGPXName("earthcache"), 11);
-  EXPECT_EQ(typeForGroundspeakGPXName("Traditional"), 12);
-  EXPECT_EQ(logTypeForGPXName("not attempted"), 2);
-  EXPECT_EQ(logTypeForGPXName("Found it"), 4);
+  // Reverse lookups ignore case and fall back to a catch-all value.
+  const std::pair<int32_t, int32_t> values[] = {
+      {statusForGPXName("ARCHIVED"), 3}, {statusForGPXName("gone"), 0}, {containerForGPXName("large"), 5},
+      {containerForGPXName("Not chosen"), 6}, {typeForGPXName("Unknown Cache"), 12}, {typeForGPXName("BENCHMARK"), 7},
+      {typeForGPXName("Traditional Cache"), 5},  // the Groundspeak text is unknown here
+      {typeForGroundspeakGPXName("earthcache"), 11}, {typeForGroundspeakGPXName("Traditional"), 12},
+      {logTypeForGPXName("not attempted"), 2}, {logTypeForGPXName("Found it"), 4}};
+  for (size_t i = 0; i < std::size(values); ++i) EXPECT_EQ(values[i].first, values[i].second) << i;
 }
 
 TEST(GeocacheDescription, PageAndPlainText) {
@@ -56,35 +46,24 @@ TEST(GeocacheDescription, PageAndPlainText) {
   EXPECT_NE(page.find("-//W3C//DTD XHTML 1.0 Transitional//EN"), std::string::npos);
   EXPECT_NE(page.find("<p><b>Hi</b> &amp; there\n</p>"), std::string::npos) << page;
   EXPECT_EQ(descriptionAsPlainText(cache), "Hi & there");
-
   cache.description = "\n&nbsp; <div>One<br/>two</div>\t\r\n";
   EXPECT_EQ(descriptionAsPlainText(cache), "Onetwo");
   cache.description.reset();
   EXPECT_EQ(descriptionAsPlainText(cache), "");
 }
 
-std::shared_ptr<TrackPoint> waypointWithUrl(std::optional<std::string> url) {
-  auto point = std::make_shared<TrackPoint>();
-  point->setIsWayPoint(true);
-  point->setUrl(std::move(url));
-  return point;
-}
-
-TEST(GeocachingServices, FindsTheServiceOfAWaypoint) {
+TEST(GeocachingServices, FindsTheServiceOfAWaypointAndItsSearchAddress) {
   const auto serviceOf = [](std::optional<std::string> url) {
-    return GeocachingServices::geocachingService(*waypointWithUrl(std::move(url)));
+    TrackPoint point;
+    point.setIsWayPoint(true);
+    point.setUrl(std::move(url));
+    const GeocachingService* service = GeocachingServices::geocachingService(point);
+    return service ? service->name() : "none";
   };
-  const GeocachingService* com = serviceOf("https://www.geocaching.com/geocache/GC1ABC");
-  ASSERT_NE(com, nullptr);
-  EXPECT_EQ(com->name(), "geocaching.com");
-  const GeocachingService* de = serviceOf("https://opencaching.de/viewcache.php?wp=OC1");
-  ASSERT_NE(de, nullptr);
-  EXPECT_EQ(de->name(), "opencaching.de");
-  EXPECT_EQ(serviceOf("https://example.org/"), nullptr);
-  EXPECT_EQ(serviceOf(std::nullopt), nullptr);
-}
-
-TEST(GeocachingServices, SearchAddresses) {
+  EXPECT_EQ(serviceOf("https://www.geocaching.com/geocache/GC1ABC"), "geocaching.com");
+  EXPECT_EQ(serviceOf("https://opencaching.de/viewcache.php?wp=OC1"), "opencaching.de");
+  EXPECT_EQ(serviceOf("https://example.org/"), "none");
+  EXPECT_EQ(serviceOf(std::nullopt), "none");
   // 1000 km are 621.371 miles, sent in single precision.
   EXPECT_EQ(GeocachingCom().urlForLatitude(47.5, -8.25, 1000.0),
             "https://www.geocaching.com/seek/nearest.aspx?origin_lat=47.500000"

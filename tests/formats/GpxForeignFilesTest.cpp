@@ -1,6 +1,4 @@
-// Files written by other programs: gpsbabel's GPX 1.0 and 1.1, and a
-// Groundspeak pocket query.
-#include "kvtrack/formats/geocache/GeocachingServices.h"
+// Files written by gpsbabel: GPX 1.0 and 1.1, routes and waypoint-only files.
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/FileHandling.h"
@@ -92,72 +90,6 @@ TEST(ForeignFiles, GpsbabelRouteAndWaypointOnlyFiles) {
   EXPECT_EQ(places->trackPoints()[0]->comment(), "beds");
   places->updateProperties();
   EXPECT_EQ(places->type(), Track::kPlaceCollection);
-}
-
-TEST(ForeignFiles, GroundspeakPocketQueryWithTravelBugs) {
-  ScratchFolder folder;
-  const std::string pq = folder.write("pq.gpx", R"(<?xml version="1.0" encoding="utf-8"?>
-<gpx xmlns:xsd="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance"
-     version="1.0" creator="Groundspeak Pocket Query" xmlns="http://www.topografix.com/GPX/1/0">
-  <name>My Finds Pocket Query</name>
-  <time>2012-06-01T12:00:00.0000000Z</time>
-  <wpt lat="47.366667" lon="8.55">
-    <time>2010-03-14T08:00:00</time>
-    <name>GC1ABCD</name>
-    <desc>Lake view by someone, Traditional Cache (1.5/2)</desc>
-    <url>http://www.geocaching.com/seek/cache_details.aspx?guid=abc</url>
-    <urlname>Lake view</urlname>
-    <sym>Geocache Found</sym>
-    <type>Geocache|Traditional Cache</type>
-    <groundspeak:cache id="1234567" available="True" archived="False" xmlns:groundspeak="http://www.groundspeak.com/cache/1/0/1">
-      <groundspeak:name>Lake view</groundspeak:name>
-      <groundspeak:placed_by>someone</groundspeak:placed_by>
-      <groundspeak:owner id="42">someone</groundspeak:owner>
-      <groundspeak:type>Traditional Cache</groundspeak:type>
-      <groundspeak:container>Small</groundspeak:container>
-      <groundspeak:difficulty>1.5</groundspeak:difficulty>
-      <groundspeak:terrain>2</groundspeak:terrain>
-      <groundspeak:country>Switzerland</groundspeak:country>
-      <groundspeak:state>Zürich</groundspeak:state>
-      <groundspeak:short_description html="True">Short &lt;b&gt;one&lt;/b&gt;</groundspeak:short_description>
-      <groundspeak:long_description html="True">Long text</groundspeak:long_description>
-      <groundspeak:encoded_hints>under the bench</groundspeak:encoded_hints>
-      <groundspeak:logs>
-        <groundspeak:log id="9001">
-          <groundspeak:date>2010-03-14T19:00:00Z</groundspeak:date>
-          <groundspeak:type>Found it</groundspeak:type>
-          <groundspeak:finder id="7">finder</groundspeak:finder>
-          <groundspeak:text encoded="False">TFTC</groundspeak:text>
-        </groundspeak:log>
-      </groundspeak:logs>
-      <groundspeak:travelbugs>
-        <groundspeak:travelbug id="55" ref="TB1234"><groundspeak:name>Bug</groundspeak:name></groundspeak:travelbug>
-      </groundspeak:travelbugs>
-    </groundspeak:cache>
-  </wpt>
-</gpx>)");
-  auto track = Track::track();
-  ASSERT_TRUE(TrackGPX(track).importFrom(pq));
-  ASSERT_EQ(track->trackPoints().size(), 1u);
-  const auto& point = track->trackPoints()[0];
-  EXPECT_EQ(point->name(), "GC1ABCD");
-  ASSERT_TRUE(point->geocache());
-  const Geocache& cache = *point->geocache();
-  EXPECT_EQ(cache.name, "Lake view");  // not the travel bug's name
-  EXPECT_EQ(cache.identifier, "1234567");
-  EXPECT_EQ(cache.status, 1);
-  EXPECT_EQ(cache.type, 0);
-  EXPECT_EQ(cache.container, 3);
-  EXPECT_EQ(cache.difficulty, 1.5f);
-  EXPECT_EQ(cache.hints, "under the bench");
-  EXPECT_EQ(cache.summary, "Short <b>one</b>");
-  ASSERT_EQ(cache.logs.size(), 1u);
-  EXPECT_EQ(cache.logs[0]->geocacher, "finder");
-  EXPECT_EQ(cache.logs[0]->type, 0);
-  EXPECT_EQ(point->geocachingService(), GeocachingServices::geocachingService(*point));
-  ASSERT_NE(point->geocachingService(), nullptr);
-  track->updateProperties();
-  EXPECT_EQ(track->type(), Track::kGeocacheCollection);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 #pragma once
-// Reading written GPX back into a small element tree for assertions.
+// Reading written XML back into a small element tree for assertions.
 
 #include "kvtrack/formats/xml/SaxParser.h"
 
@@ -14,12 +14,14 @@
 
 namespace kvtrack::testing {
 
+using Names = std::vector<std::string>;
+using Attributes = std::vector<std::pair<std::string, std::string>>;
+
 /// One element: qualified name, attributes in file order, children, text.
 struct XmlNode {
-  std::string name;
-  std::vector<std::pair<std::string, std::string>> attributes;
+  std::string name, text;
+  Attributes attributes;
   std::vector<std::unique_ptr<XmlNode>> children;
-  std::string text;
 
   std::optional<std::string> attribute(std::string_view key) const {
     for (const auto& [k, v] : attributes) {
@@ -27,13 +29,13 @@ struct XmlNode {
     }
     return std::nullopt;
   }
-  std::vector<std::string> attributeNames() const {
-    std::vector<std::string> names;
+  Names attributeNames() const {
+    Names names;
     for (const auto& a : attributes) names.push_back(a.first);
     return names;
   }
-  std::vector<std::string> childNames() const {
-    std::vector<std::string> names;
+  Names childNames() const {
+    Names names;
     for (const auto& c : children) names.push_back(c->name);
     return names;
   }
@@ -58,27 +60,20 @@ struct XmlNode {
 
 class XmlTreeReader : public xml::SaxHandler {
  public:
-  void startElement(xml::SaxParser&, std::string_view name,
-                    const xml::Attributes& attributes) override {
+  void startElement(xml::SaxParser&, std::string_view name, const xml::Attributes& attributes) override {
     auto node = std::make_unique<XmlNode>();
     node->name = name;
     for (const auto& a : attributes.all()) node->attributes.emplace_back(a.name, a.value);
-    XmlNode* raw = node.get();
-    if (stack_.empty()) {
-      root_ = std::move(node);
-    } else {
-      stack_.back()->children.push_back(std::move(node));
-    }
-    stack_.push_back(raw);
+    stack_.push_back(node.get());
+    (stack_.size() == 1 ? root_ : stack_[stack_.size() - 2]->children.emplace_back()) = std::move(node);
   }
   void endElement(xml::SaxParser&, std::string_view) override { stack_.pop_back(); }
   void characters(xml::SaxParser&, std::string_view chunk) override {
     if (!stack_.empty()) stack_.back()->text += chunk;
   }
-  std::unique_ptr<XmlNode> take() { return std::move(root_); }
+  std::unique_ptr<XmlNode> root_;
 
  private:
-  std::unique_ptr<XmlNode> root_;
   std::vector<XmlNode*> stack_;
 };
 
@@ -87,7 +82,7 @@ inline std::unique_ptr<XmlNode> readXmlTree(const std::string& path) {
   xml::SaxParser parser;
   XmlTreeReader reader;
   EXPECT_TRUE(parser.parseFile(path, reader)) << path;
-  return reader.take();
+  return std::move(reader.root_);
 }
 
 }  // namespace kvtrack::testing

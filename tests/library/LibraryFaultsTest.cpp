@@ -3,21 +3,21 @@
 // save that fails leaves the files as they were.
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/library/GpxImportConfiguration.h"
-#include "kvtrack/library/LibraryRecovery.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/UniqueFd.h"
 #include "tests/common/FaultySystemCalls.h"
 #include "tests/library/LibraryTestSupport.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
+#include <algorithm>
 #include <functional>
-#include <map>
 #include <random>
 #include <thread>
 
@@ -26,6 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::FaultySystemCalls;
+using testing::OpenedLibrary;
 using Call = FaultySystemCalls::Call;
 using ::testing::HasSubstr;
 
@@ -33,91 +34,47 @@ using ::testing::HasSubstr;
 std::map<std::string, std::string> snapshot(const fs::path& folder) {
   std::map<std::string, std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    if (entry.is_regular_file()) {
-      files[fs::relative(entry.path(), folder).string()] = testing::ScratchFolder::read(entry.path());
-    }
+    if (entry.is_regular_file()) files[fs::relative(entry.path(), folder)] = testing::ScratchFolder::read(entry.path());
   }
   return files;
-}
-
-void copyFolder(const fs::path& from, const fs::path& to) {
-  fs::remove_all(to);
-  fs::copy(from, to, fs::copy_options::recursive);
-}
-
-// A library folder opened the way wayfolio opens it.
-struct OpenLibrary {
-  explicit OpenLibrary(const fs::path& folder) {
-    files.setUserApplicationSupport(folder.string());
-    library = TrackLibrary::trackLibraryWithFileHandling(files);
-    opening = openLibrary(*library, "test");
-  }
-  ~OpenLibrary() {
-    library->setReadOnly(true);
-    library.reset();
-    TrackLibrary::releaseSingleton();
-  }
-  FileHandling files;
-  TrackLibraryPtr library;
-  LibraryOpening opening;
-};
-
-// Track names and point counts, read from the files.
-std::map<std::string, size_t> contents(const fs::path& folder) {
-  OpenLibrary open(folder);
-  std::map<std::string, size_t> tracks;
-  for (const auto& track : open.library->allTracks()) {
-    tracks[track->name()] = track->trackPoints().size();
-    EXPECT_FALSE(track->damage()) << *track->damage();
-  }
-  return tracks;
 }
 
 class LibraryFaults : public ::testing::Test {
  protected:
   void SetUp() override {
     setLogToStandardError(false);
-    OpenLibrary open(baseline());
-    auto alps = TrackLibraryFolder::trackLibraryFolder("Alps");
-    open.library->addFolder(alps);
-    alps->addTrack(testing::walk("Ridge", 300));
-    open.library->addTrack(testing::walk("Lake", 200, "2012-06-01T10:00:00+02:00"));
-    ASSERT_TRUE(open.library->syncToDisk());
-    open.library->addFolder(TrackLibraryFolder::trackLibraryFolder("Rides"));
-    ASSERT_TRUE(open.library->syncToDisk());  // a previous index exists from now on
+    testing::makeLibrary(baseline(), 300, 200);
     GpxExportConfiguration configuration;
-    ASSERT_TRUE(TrackGPX(testing::walk("Imported", 3000, "2013-01-01T10:00:00Z"))
-                    .exportTo(scratch.file("import.gpx"), configuration));
+    ASSERT_TRUE(TrackGPX(testing::walk("Imported", 3000, "2013-01-01T10:00:00Z")).exportTo(file(), configuration));
   }
   void TearDown() override { setLogToStandardError(true); }
 
   fs::path baseline() const { return scratch.path() / "baseline"; }
   fs::path work() const { return scratch.path() / "work"; }
+  std::string file() const { return scratch.file("import.gpx"); }
 
   // The operations whose saves are broken, each on a freshly opened copy.
   std::map<std::string, std::function<void(TrackLibrary&)>> operations() const {
-    const std::string file = scratch.file("import.gpx");
-    return {
-        {"import", [file](TrackLibrary& library) {
-           GpxImportConfiguration configuration;
-           configuration.setTrackIdPrefix("test");
-           ASSERT_TRUE(library.getFolder("Rides")->importGPX(file, configuration));
-         }},
-        {"rename", [](TrackLibrary& library) {
-           const auto track = library.getFolder("Alps")->tracks().front();
-           track->loadFromLibrary();
-           track->setName("Ridge renamed");
-         }},
-        {"move", [](TrackLibrary& library) {
-           library.getFolder("Rides")->moveTrackHere(library.getFolder("Alps")->tracks().front());
-         }},
-    };
+    return {{"import", [file = file()](TrackLibrary& library) {
+               GpxImportConfiguration configuration;
+               configuration.setTrackIdPrefix("test");
+               ASSERT_TRUE(library.getFolder("Rides")->importGPX(file, configuration));
+             }},
+            {"rename", [](TrackLibrary& library) {
+               const auto track = library.getFolder("Alps")->tracks().front();
+               track->loadFromLibrary();
+               track->setName("Ridge renamed");
+             }},
+            {"move", [](TrackLibrary& library) {
+               library.getFolder("Rides")->moveTrackHere(library.getFolder("Alps")->tracks().front());
+             }}};
   }
 
   // Runs the operation on a copy of the baseline and saves under the faults.
   Status saveWith(const std::function<void(TrackLibrary&)>& operation, FaultySystemCalls& calls) {
-    copyFolder(baseline(), work());
-    OpenLibrary open(work());
+    fs::remove_all(work());
+    fs::copy(baseline(), work(), fs::copy_options::recursive);
+    OpenedLibrary open(work());
     operation(*open.library);
     const ScopedSystemCalls faults(calls);
     calls.resetCounts();
@@ -133,24 +90,21 @@ TEST_F(LibraryFaults, EveryFailedWriteOrSyncOfASaveLeavesEveryFileAsItWas) {
   for (const auto& [name, operation] : operations()) {
     FaultySystemCalls counter;
     ASSERT_TRUE(saveWith(operation, counter)) << name;
-    const auto after = contents(work());
+    const auto after = OpenedLibrary(work()).tracks();
     for (const Call call : {Call::kWrite, Call::kFsync}) {
-      const int calls = counter.count(call);
-      ASSERT_GT(calls, 0) << name;
-      for (int n = 1; n <= calls; ++n, ++injected) {
+      ASSERT_GT(counter.count(call), 0) << name;
+      for (int n = 1; n <= counter.count(call); ++n, ++injected) {
         FaultySystemCalls faulty;
         faulty.failNth(call, n, call == Call::kWrite ? ENOSPC : EIO);
         const Status saved = saveWith(operation, faulty);
-        const auto found = snapshot(work());
         if (saved) {
           // Only the flush of the folder after the renames may fail quietly.
           EXPECT_EQ(call, Call::kFsync) << name << " #" << n;
-          EXPECT_EQ(contents(work()), after) << name << " #" << n;
+          EXPECT_EQ(OpenedLibrary(work()).tracks(), after) << name << " #" << n;
           continue;
         }
-        EXPECT_THAT(saved.reason(), HasSubstr(call == Call::kWrite ? "No space left on device"
-                                                                    : "Input/output error"));
-        EXPECT_EQ(found, before) << name << ": " << saved.reason();
+        EXPECT_THAT(saved.reason(), HasSubstr(call == Call::kWrite ? "No space left on device" : "Input/output error"));
+        EXPECT_EQ(snapshot(work()), before) << name << ": " << saved.reason();
       }
     }
   }
@@ -162,11 +116,11 @@ TEST_F(LibraryFaults, ShortWritesAreCompletedAndFailedRenamesLoseNothing) {
     FaultySystemCalls shortWrites;
     shortWrites.limitWrites(7);
     ASSERT_TRUE(saveWith(operation, shortWrites)) << name;
-    const auto after = contents(work());
+    const auto after = OpenedLibrary(work()).tracks();
 
     FaultySystemCalls counter;
     ASSERT_TRUE(saveWith(operation, counter));
-    EXPECT_EQ(contents(work()), after) << name;
+    EXPECT_EQ(OpenedLibrary(work()).tracks(), after) << name;
     for (int n = 1; n <= counter.count(Call::kRename); ++n) {
       FaultySystemCalls faulty;
       faulty.failNth(Call::kRename, n, EIO);
@@ -174,15 +128,12 @@ TEST_F(LibraryFaults, ShortWritesAreCompletedAndFailedRenamesLoseNothing) {
       // Files renamed before the failure are new, the rest old; every track
       // is whole either way, and the files the index does not name yet are
       // adopted again.
-      OpenLibrary reopened(work());
+      OpenedLibrary reopened(work());
       std::vector<UnreadableFile> unreadable;
       adoptOrphanFiles(*reopened.library, "test", unreadable);
       EXPECT_TRUE(unreadable.empty());
       size_t points = 0;
-      for (const auto& track : reopened.library->allTracks()) {
-        EXPECT_FALSE(track->damage());
-        points += track->trackPoints().size();
-      }
+      for (const auto& [track, count] : reopened.tracks()) points += count;
       EXPECT_GE(points, 500u) << name << " #" << n;
     }
   }
@@ -198,14 +149,13 @@ TEST(LibraryFailures, FullFileSystemKeepsThePreviousSave) {
     GTEST_SKIP() << "cannot mount a small file system here (needs root)";
   }
   {
-    OpenLibrary open(mountPoint);
+    OpenedLibrary open(mountPoint);
     open.library->addTrack(testing::walk("small", 50));
     ASSERT_TRUE(open.library->syncToDisk());
     open.library->addTrack(testing::walk("huge", 20000));
-    const Status saved = open.library->syncToDisk();
-    EXPECT_THAT(saved.reason(), HasSubstr("No space left on device"));
+    EXPECT_THAT(open.library->syncToDisk().reason(), HasSubstr("No space left on device"));
   }
-  EXPECT_EQ(contents(mountPoint), (std::map<std::string, size_t>{{"small", 50}}));
+  EXPECT_EQ(OpenedLibrary(mountPoint).tracks(), (std::map<std::string, size_t>{{"small", 50}}));
   ::umount(mountPoint.c_str());
 }
 
@@ -219,24 +169,33 @@ TEST(LibraryFailures, KilledSavesLoseNoSavedTrack) {
   size_t savedTracks = 0;
   const int rounds = 20;
   for (int round = 0; round < rounds; ++round) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    UniqueFd saves(ends[0]), saved(ends[1]);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-      OpenLibrary open(scratch.path());
-      for (;;) {  // imports and saves until killed
+      OpenedLibrary open(scratch.path());
+      for (;;) {  // imports and saves until killed, telling of each completed save
         open.library->addTrack(testing::walk("t", 2000));
-        (void)open.library->syncToDisk();
+        if (open.library->syncToDisk()) (void)!::write(saved.get(), "s", 1);
       }
     }
+    saved.reset();
+    // The first round lets a save complete however slow the machine, so that there is something to lose.
+    pollfd waiting{saves.get(), POLLIN, 0};
+    const bool oneSaved = round > 0 || ::poll(&waiting, 1, 60000) == 1;
     std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 150));
     ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(oneSaved) << "no save completed within a minute";
+    char told[4096];
+    const auto completedSaves = static_cast<size_t>(std::max<ssize_t>(0, ::read(saves.get(), told, sizeof told)));
 
-    OpenLibrary open(scratch.path());
+    OpenedLibrary open(scratch.path());
     EXPECT_FALSE(open.opening.rebuilt()) << open.opening.indexProblem;
     const auto tracks = open.library->allTracks();
-    EXPECT_GE(tracks.size(), savedTracks);  // no completed save is lost
+    EXPECT_GE(tracks.size(), savedTracks + completedSaves);  // no completed save is lost
     for (const auto& track : tracks) {
       ASSERT_EQ(track->trackPoints().size(), 2000u) << *track->filename();
       EXPECT_FALSE(track->damage());

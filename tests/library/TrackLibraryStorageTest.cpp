@@ -1,18 +1,9 @@
+// Tracks on disk: saved, reopened unloaded, loaded on first use, unloaded,
+// deleted; finding tracks by path, time and position; external copies.
 #include "LibraryTestSupport.h"
 
 #include "kvtrack/library/TrackStorage.h"
-#include "kvtrack/support/Log.h"
 #include "kvtrack/support/NotificationCenter.h"
-
-#include <signal.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <random>
-#include <thread>
 
 namespace kvtrack {
 namespace {
@@ -29,7 +20,6 @@ TEST_F(LibraryStorage, SavedTracksReopenUnloadedAndLoadOnFirstUse) {
   track->setDescription("Quote \" and umlaut ü");
   folder->addTrack(track);
   EXPECT_EQ(track->filename(), "Track00000017.gpx");
-  EXPECT_EQ(library->trackCounter(), 18);
   const double length = track->length();
   reopen();
 
@@ -37,8 +27,8 @@ TEST_F(LibraryStorage, SavedTracksReopenUnloadedAndLoadOnFirstUse) {
   const auto reopened = library->folders()[0]->tracks().at(0);
   EXPECT_FALSE(reopened->isLoaded());
   EXPECT_EQ(reopened->pointCount(), 20);  // from the index, without loading
-  EXPECT_EQ(reopened->name(), "Alps");
-  EXPECT_EQ(reopened->description(), "Quote \" and umlaut ü");
+  EXPECT_EQ(std::pair(reopened->name(), reopened->description()),
+            std::pair(std::string("Alps"), std::optional<std::string>("Quote \" and umlaut ü")));
   EXPECT_NEAR(reopened->length(), length, 1e-3);
   EXPECT_EQ(reopened->startTime()->description(), "2012-05-01T10:00:00+02:00");
   EXPECT_EQ(library->trackCounter(), 18);
@@ -48,23 +38,18 @@ TEST_F(LibraryStorage, SavedTracksReopenUnloadedAndLoadOnFirstUse) {
   EXPECT_TRUE(reopened->isLoaded());
   EXPECT_FALSE(reopened->isDirty());
   EXPECT_EQ(reopened->trackPoints()[5]->time()->timezoneOffset(), 120);
-}
 
-TEST_F(LibraryStorage, UnloadSavesAndDropsThePoints) {
-  auto track = walk("T", 5);
-  library->addTrack(track);
   int unloading = 0;
-  auto token = NotificationCenter::defaultCenter().addObserver(
-      "UnloadingTrack", [&](const Notification&) { ++unloading; });
-  track->unload();
+  auto token = NotificationCenter::defaultCenter().addObserver("UnloadingTrack", [&](const Notification&) { ++unloading; });
+  auto fresh = walk("T", 5);
+  library->addTrack(fresh);
+  fresh->unload();  // saves first
   EXPECT_EQ(unloading, 1);
-  EXPECT_FALSE(track->isLoaded());
-  EXPECT_EQ(track->loadedPointCount(), 0u);
-  EXPECT_EQ(track->name(), "T");
-  EXPECT_TRUE(fs::exists(folder.file(*track->filename())));
-  EXPECT_EQ(track->trackPoints().size(), 5u);  // back from the file
-  track->unload();
-  track->unload();  // not loaded: nothing
+  EXPECT_EQ(std::pair(fresh->isLoaded(), fresh->loadedPointCount()), std::pair(false, size_t{0}));
+  EXPECT_EQ(fresh->name(), "T");
+  EXPECT_EQ(fresh->trackPoints().size(), 5u);  // back from the file
+  fresh->unload();
+  fresh->unload();  // not loaded: nothing
   EXPECT_EQ(unloading, 2);
 }
 
@@ -77,17 +62,16 @@ TEST_F(LibraryStorage, SavesDeleteOnlyTheFilesOfRemovedTracks) {
   ASSERT_TRUE(library->syncToDisk());
   const std::string removedFile = folder.file(*removed->filename());
   folder.write(*removed->filename() + "_tp", "x");
-  folder.write("Track00000003.GPX", "<gpx/>");
-  folder.write(".library.wayfolio.Ab12Cd", "stale temporary file of a crashed save");
-  folder.write(".notes.txt.Ab12Cd", "not one of ours");
+  for (const char* name : {"Track00000003.GPX", ".library.wayfolio.Ab12Cd", ".notes.txt.Ab12Cd"}) folder.write(name, "x");
   library->deleteTrack(removed);
   ASSERT_TRUE(library->syncToDisk());
-  EXPECT_FALSE(fs::exists(removedFile));
-  EXPECT_FALSE(fs::exists(removedFile + "_tp"));
-  EXPECT_FALSE(fs::exists(folder.file(".library.wayfolio.Ab12Cd")));
-  EXPECT_TRUE(fs::exists(folder.file(".notes.txt.Ab12Cd")));
-  EXPECT_TRUE(fs::exists(folder.file("Track00000003.GPX")));
-  EXPECT_TRUE(fs::exists(folder.file(*kept->filename())));
+  for (const std::string& gone : {removedFile, removedFile + "_tp", folder.file(".library.wayfolio.Ab12Cd")}) {
+    EXPECT_FALSE(fs::exists(gone)) << gone;  // the last a stale temporary file of a crashed save
+  }
+  for (const std::string& stays : {folder.file(".notes.txt.Ab12Cd"), folder.file("Track00000003.GPX"),
+                                   folder.file(*kept->filename())}) {
+    EXPECT_TRUE(fs::exists(stays)) << stays;
+  }
 }
 
 TEST_F(LibraryStorage, PathsAndSearches) {
@@ -105,11 +89,13 @@ TEST_F(LibraryStorage, PathsAndSearches) {
   EXPECT_EQ(library->trackLibraryFolderWithPath(first->folders()[0]->path()), first->folders()[0]);
 
   // The tracks run 10:00 to 10:02 wall-clock time in their +02:00 zone; both ends count.
-  const auto local = [](const char* text) { return ISODate::isoDateWithString(text).value(); };
-  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:01:00")), library->tracks()[0]);
-  EXPECT_NE(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:02:00")), nullptr);
-  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T10:02:01")), nullptr);
-  EXPECT_EQ(library->findTrackForDateWithLocalTimezone(local("2012-05-01T08:01:00")), nullptr);
+  const auto find = [this](const char* local) {
+    return library->findTrackForDateWithLocalTimezone(ISODate::isoDateWithString(local).value());
+  };
+  EXPECT_EQ(find("2012-05-01T10:01:00"), library->tracks()[0]);
+  EXPECT_NE(find("2012-05-01T10:02:00"), nullptr);
+  EXPECT_EQ(find("2012-05-01T10:02:01"), nullptr);
+  EXPECT_EQ(find("2012-05-01T08:01:00"), nullptr);
 
   library->tracks()[1]->setIsSelected(true);
   const auto nearest = library->findNearestPointForLatitude(47.0011, 8.0, false);
@@ -126,9 +112,8 @@ TEST_F(LibraryStorage, ExternalCopyDropsTheSynchronisationIds) {
   track->makeDirty();
   const std::string copy = folder.file("copy.gpx");
   ASSERT_TRUE(exportExternalGpx(*track, copy, true, {}));
-  const std::string original = ScratchFolder::read(folder.file(*track->filename()));
   const std::string stripped = ScratchFolder::read(copy);
-  EXPECT_NE(original.find("iCloudId=\"ABC-123_X\""), std::string::npos);
+  EXPECT_NE(ScratchFolder::read(folder.file(*track->filename())).find("iCloudId=\"ABC-123_X\""), std::string::npos);
   EXPECT_EQ(stripped.find("iCloudId"), std::string::npos);
   EXPECT_NE(stripped.find("filename=\"/p.jpg\""), std::string::npos);
 }

@@ -7,8 +7,8 @@
 // else; any path can be made to answer otherwise (status, body, delay).
 
 #include "kvtrack/places/PlacesSettings.h"
+#include "kvtrack/support/UniqueFd.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -21,46 +21,39 @@
 namespace kvtrack::testing {
 
 struct HttpExchange {
-  std::string method;
-  std::string path;                           // without the query
-  std::map<std::string, std::string> query;  // decoded
+  std::string method, path, body;              // the path without the query
+  std::map<std::string, std::string> query;    // decoded
   std::map<std::string, std::string> headers;  // names in lower case
-  std::string body;
 };
 
 struct CannedAnswer {
   int status = 200;
   std::string body;
   std::chrono::milliseconds delay{0};
-  std::string contentType = "text/xml; charset=utf-8";
 };
 
 class LoopbackHttpServer {
  public:
   using Handler = std::function<CannedAnswer(const HttpExchange&)>;
-
   explicit LoopbackHttpServer(Handler handler);
   ~LoopbackHttpServer();
   LoopbackHttpServer(const LoopbackHttpServer&) = delete;
   LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
-  int port() const { return port_; }
   /// "http://127.0.0.1:PORT"
-  std::string url() const;
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
   /// Every request received so far, in arrival order.
   std::vector<HttpExchange> requests() const;
   size_t requestCount(const std::string& path = {}) const;
-  void clearRequests();
 
  private:
   void acceptLoop();
-  void serve(int connection);
-  void sleepUnlessStopping(std::chrono::milliseconds delay);
+  void serve(UniqueFd connection);
 
   Handler handler_;
-  int listener_ = -1;
+  UniqueFd listener_;
   int port_ = 0;
-  std::atomic<bool> stopping_{false};
+  bool stopping_ = false;
   mutable std::mutex mutex_;
   std::condition_variable stopped_;
   std::vector<HttpExchange> requests_;
@@ -71,22 +64,18 @@ class LoopbackHttpServer {
 class PlaceServiceEmulator {
  public:
   PlaceServiceEmulator();
-
   /// Answers every request for that path so from now on.
   void setAnswer(const std::string& path, CannedAnswer answer);
   void clearAnswers();
-
   /// Settings that send every service here, with the given account, no
   /// spacing and short time-outs.
   PlacesSettings settings(const std::string& userName = "tester") const;
-
   LoopbackHttpServer& server() { return server_; }
   /// Reverse lookups asked of GeoNames so far (one per findNearbyPlaceName).
   size_t geoNamesLookups() const { return server_.requestCount("/findNearbyPlaceName"); }
 
-  /// The recorded answers, for tests that want to look at them.
+  /// The recorded answer, for tests that want to hold it back.
   static std::string findNearbyPlaceName(double lat, double lng);
-  static std::string findNearbyPostalCodes(double lat, double lng);
 
  private:
   CannedAnswer answer(const HttpExchange& exchange);

@@ -1,3 +1,6 @@
+// GPX files in and out of the library: tracks get files and content ids,
+// duplicates are refused, waypoint files are filed as places or geocaches,
+// other formats come through gpsbabel; exports put all waypoints first.
 #include "LibraryTestSupport.h"
 
 #include "kvtrack/formats/gpx/TrackGPX.h"
@@ -11,7 +14,7 @@
 namespace kvtrack {
 namespace {
 
-using LibraryImport = testing::LibraryTest;
+using LibraryGPX = testing::LibraryTest;
 
 const char* kTrackFile = R"(<?xml version="1.0"?>
 <gpx xmlns="http://www.topografix.com/GPX/1/1" version="1.1" creator="test">
@@ -27,7 +30,7 @@ const char* kTrackFile = R"(<?xml version="1.0"?>
   </trkseg><extensions><wayfolio:timezone xmlns:wayfolio="urn:w" offset="120"/></extensions></trk>
 </gpx>)";
 
-TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
+TEST_F(LibraryGPX, TracksGetFilesAndIdsAndDuplicatesAreRefused) {
   const std::string file = folder.write("two.gpx", kTrackFile);
   auto target = TrackLibraryFolder::trackLibraryFolder("imports");
   library->addFolder(target);
@@ -40,7 +43,6 @@ TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
   EXPECT_EQ(tracks[0]->name(), "Morning");
   EXPECT_EQ(tracks[0]->filename(), "Track00000005.gpx");
   EXPECT_EQ(tracks[0]->trackId(), "wayfolio:2012:05:01 10:00:00+00:00-2012:05:01 10:02:00+00:00");
-  EXPECT_TRUE(tracks[0]->trackPoints()[1]->isWayPoint());
   EXPECT_EQ(tracks[0]->trackPoints()[1]->name(), "Bridge");
   EXPECT_GT(tracks[0]->length(), 0.1);
   EXPECT_EQ(tracks[0]->waypointCount(), 1);  // counted after the waypoint found its point
@@ -57,101 +59,115 @@ TEST_F(LibraryImport, TracksGetFilesAndDuplicatesAreRefusedById) {
   ASSERT_TRUE(target->importGPX(file, configuration));
   UserDefaults::singleton().removeObjectForKey("IgnoreTrackIdDuringImport");
   EXPECT_EQ(target->tracks().size(), 4u);
-}
 
-TEST_F(LibraryImport, UserTimeZoneOnlyForFilesWithoutOne) {
-  const std::string file = folder.write("two.gpx", kTrackFile);
+  // The user's time zone only for a file without its own.
   KvPreferences::singleton().setTimeZoneInMinutes(-300);
-  GpxImportConfiguration configuration;
-  ASSERT_TRUE(library->importGPX(file, configuration));
+  GpxImportConfiguration plain;
+  ASSERT_TRUE(library->importGPX(file, plain));
   KvPreferences::singleton().setTimeZoneInMinutes(std::nullopt);
-  const auto tracks = library->tracks();
-  ASSERT_EQ(tracks.size(), 2u);
-  EXPECT_EQ(tracks[0]->timezoneOffset(), -300);
-  EXPECT_EQ(tracks[1]->timezoneOffset(), 120);  // the file's own zone wins
+  ASSERT_EQ(library->tracks().size(), 2u);
+  EXPECT_EQ(std::pair(library->tracks()[0]->timezoneOffset(), library->tracks()[1]->timezoneOffset()), std::pair(-300, 120));
 }
 
-TEST_F(LibraryImport, PointsOfInterestAndGeocachesGoToTheCollections) {
+TEST_F(LibraryGPX, PointsOfInterestAndGeocachesGoToTheCollections) {
   const std::string pois = folder.write("pois.gpx", R"(<?xml version="1.0"?><gpx>
-    <wpt lat="46.5" lon="7.5"><name>Hut</name><cmt>beds</cmt></wpt>
-    <wpt lat="46.6" lon="7.6"><name>Lake</name></wpt></gpx>)");
+    <wpt lat="46.5" lon="7.5"><name>Hut</name><cmt>beds</cmt></wpt><wpt lat="46.6" lon="7.6"><name>Lake</name></wpt></gpx>)");
   GpxImportConfiguration configuration;
   ASSERT_TRUE(library->importGPX(pois, configuration));
-  EXPECT_TRUE(library->tracks().empty());
-  ASSERT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
-  EXPECT_EQ(library->waypointTrack()->trackPoints()[0]->comment(), "beds");
   EXPECT_EQ(configuration.importedPOIs().size(), 2u);
-  // The same names again replace the points instead of doubling them.
-  ASSERT_TRUE(library->importGPX(pois, configuration));
-  EXPECT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
+  ASSERT_TRUE(library->importGPX(pois, configuration));  // the same names replace the points instead of doubling them
+  ASSERT_EQ(library->waypointTrack()->trackPoints().size(), 2u);
+  EXPECT_TRUE(library->tracks().empty());
+  EXPECT_EQ(library->waypointTrack()->trackPoints()[0]->comment(), "beds");
 
   const std::string caches = folder.write("caches.gpx", R"(<?xml version="1.0"?><gpx>
-    <wpt lat="47.1" lon="8.1"><name>GC1AAAA</name><desc>Lake view</desc>
-      <url>https://www.geocaching.com/geocache/GC1AAAA</url></wpt>
-    <wpt lat="47.2" lon="8.2"><name>GC1BBBB</name>
-      <url>https://www.geocaching.com/geocache/GC1BBBB</url></wpt></gpx>)");
+    <wpt lat="47.1" lon="8.1"><name>GC1AAAA</name><desc>Lake view</desc><url>https://www.geocaching.com/geocache/GC1AAAA</url></wpt>
+    <wpt lat="47.2" lon="8.2"><name>GC1BBBB</name><url>https://www.geocaching.com/geocache/GC1BBBB</url></wpt></gpx>)");
   ASSERT_TRUE(library->importGPX(caches, configuration));
   EXPECT_TRUE(library->tracks().empty());
   EXPECT_EQ(configuration.filedGeocacheCounter(), 2);
   const auto collection = library->geocacheTrack()->trackPoints();
   ASSERT_EQ(collection.size(), 2u);
   ASSERT_TRUE(collection[0]->geocache());
-  EXPECT_EQ(collection[0]->geocache()->name, "Lake view");
-  EXPECT_EQ(collection[0]->geocache()->status, 1);
-  EXPECT_EQ(collection[0]->geocache()->container, 6);
+  const Geocache& cache = *collection[0]->geocache();
+  EXPECT_EQ(std::tuple(cache.name, cache.status, cache.container), std::tuple("Lake view", 1, 6));
   EXPECT_TRUE(std::filesystem::exists(folder.file("all_geocaches.gpxx")));
 }
 
-TEST_F(LibraryImport, DeviceImportsDropTinyTracks) {
+TEST_F(LibraryGPX, DeviceImportsDropTinyTracksAndBrokenFilesKeepWhatWasRead) {
   const std::string file = folder.write("device.gpx", R"(<?xml version="1.0"?><gpx>
     <trk><trkseg><trkpt lat="1" lon="1"/></trkseg></trk>
     <trk><trkseg><trkpt lat="1" lon="1"/><trkpt lat="2" lon="2"/></trkseg></trk></gpx>)");
-  GpxImportConfiguration fromDevice;
+  GpxImportConfiguration fromDevice, fromFile;
   fromDevice.setIsExternal(true);
-  TrackLibraryGPX importer;
-  EXPECT_EQ(importer.importFrom(file, fromDevice).trackCount, 1);
+  EXPECT_EQ(TrackLibraryGPX().importFrom(file, fromDevice).trackCount, 1);
   ASSERT_EQ(library->tracks().size(), 1u);
   EXPECT_TRUE(library->tracks()[0]->newlyImported());
-  GpxImportConfiguration fromFile;
-  EXPECT_EQ(importer.importFrom(file, fromFile).trackCount, 2);
+  EXPECT_EQ(TrackLibraryGPX().importFrom(file, fromFile).trackCount, 2);
   EXPECT_EQ(library->tracks().size(), 3u);
-}
 
-TEST_F(LibraryImport, BrokenFilesKeepWhatWasRead) {
-  const std::string file = folder.write("cut.gpx", std::string(kTrackFile).substr(0, 500));
-  GpxImportConfiguration configuration;
   LogCapture log;
-  EXPECT_FALSE(library->importGPX(file, configuration));
+  EXPECT_FALSE(library->importGPX(folder.write("cut.gpx", std::string(kTrackFile).substr(0, 500)), fromFile));
   EXPECT_TRUE(log.contains("TrackLibraryGPX: Error parsing file!"));
-  ASSERT_GE(library->tracks().size(), 1u);
-  EXPECT_EQ(library->tracks()[0]->name(), "Morning");
-  EXPECT_EQ(library->tracks()[0]->trackPoints().size(), 3u);
-  EXPECT_FALSE(library->importGPX(folder.file("missing.gpx"), configuration));
+  ASSERT_GE(library->tracks().size(), 4u);
+  EXPECT_EQ(library->tracks()[3]->name(), "Morning");
+  EXPECT_EQ(library->tracks()[3]->trackPoints().size(), 3u);
+  EXPECT_FALSE(library->importGPX(folder.file("missing.gpx"), fromFile));
 }
 
-TEST_F(LibraryImport, ForeignFormatsGoThroughGpsbabel) {
+TEST_F(LibraryGPX, ForeignFormatsGoThroughGpsbabel) {
   const std::string source = folder.write("source.gpx", kTrackFile);
   const auto produce = [&](const std::string& format, const std::string& name) {
     const std::string out = folder.file(name);
-    EXPECT_EQ(runShellCommand("gpsbabel -t -w -i gpx -f " + FileHandling::filenameForShell(source) +
-                              " -o " + format + " -F " + FileHandling::filenameForShell(out)),
-              0);
+    EXPECT_EQ(runShellCommand("gpsbabel -t -w -i gpx -f " + FileHandling::filenameForShell(source) + " -o " + format +
+                              " -F " + FileHandling::filenameForShell(out)), 0);
     return out;
   };
   GpxImportConfiguration configuration;
   ASSERT_TRUE(library->importGPX(produce("kml", "tracks.KML"), configuration));
   EXPECT_GE(library->tracks().size(), 1u);
   const size_t afterKml = library->tracks().size();
-
-  ASSERT_TRUE(library->importGPX(produce("garmin_gpi", "route.GPI"), configuration));
-  ASSERT_TRUE(library->importGPX(produce("tomtom", "places.ov2"), configuration));
-  ASSERT_TRUE(library->importGPX(produce("geo", "caches.loc"), configuration));
+  for (const auto& [format, name] : {std::pair("garmin_gpi", "route.GPI"), {"tomtom", "places.ov2"}, {"geo", "caches.loc"}}) {
+    ASSERT_TRUE(library->importGPX(produce(format, name), configuration)) << format;
+  }
   // Waypoint files become points of interest, not tracks.
   EXPECT_EQ(library->tracks().size(), afterKml);
   EXPECT_FALSE(library->waypointTrack()->trackPoints().empty());
   // Intermediate files go once read: the library keeps only files it names.
   EXPECT_FALSE(std::filesystem::exists(folder.file("convert.gpx")));
   EXPECT_FALSE(std::filesystem::exists(folder.file("loc.gpx")));
+}
+
+TEST_F(LibraryGPX, ExportsAllSelectedOrOneTrackWithWaypointsFirst) {
+  auto first = walk("First", 3), second = walk("Second", 2), places = walk("Places", 2);
+  first->trackPoints()[1]->setIsWayPoint(true);
+  first->trackPoints()[1]->setName("Hut");
+  places->setType(Track::kPlaceCollection);
+  for (const auto& t : {first, second, places}) library->addTrack(t);
+  const auto elements = [](const std::string& path) {  // the root's children in order, by their first letters
+    const std::string text = testing::ScratchFolder::read(path);
+    std::string found;
+    for (size_t at = text.find("\n  <"); at != std::string::npos; at = text.find("\n  <", at + 1)) {
+      if (text[at + 4] != '/') found += text[at + 4];
+    }
+    EXPECT_NE(text.find("version=\"1.1\""), std::string::npos);
+    return found;
+  };
+  GpxExportConfiguration configuration;
+  ASSERT_TRUE(library->exportGPX(folder.file("all.gpx"), configuration));
+  EXPECT_EQ(elements(folder.file("all.gpx")), "wttr");
+
+  second->setIsSelected(true);
+  ASSERT_TRUE(library->exportSelectedGPX(folder.file("selected.gpx"), configuration));
+  auto back = Track::track();
+  ASSERT_TRUE(TrackGPX(back).importFrom(folder.file("selected.gpx")));
+  EXPECT_EQ(std::pair(back->name(), back->trackPoints().size()), std::pair(std::string("Second"), size_t{2}));
+
+  configuration.setExportWaypointsOnly(true);
+  configuration.setUseGPX10(true);  // the library export is always GPX 1.1
+  ASSERT_TRUE(TrackLibraryGPX().exportTo(folder.file("one.gpx"), false, first, configuration));
+  EXPECT_EQ(elements(folder.file("one.gpx")), "wt");  // a single track comes with its line whatever the option
+  EXPECT_FALSE(TrackLibraryGPX().exportTo(folder.file("missing/dir.gpx"), configuration));
 }
 
 }  // namespace
