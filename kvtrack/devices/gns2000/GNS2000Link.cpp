@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include <thread>
+#include <utility>
 
 namespace kvtrack {
 
@@ -82,12 +83,21 @@ void GNS2000Link::doImport(Lock& lock) {
   protocolCommand_ = GNS2000::kStateReadRequested;
   // With a channel open nothing is sent now: the request follows the next
   // sentence received.
-  if (!rfcommChannel_ || !rfcommChannel_->isOpen()) connect(lock);
+  if (needsConnecting()) connect(lock);
 }
 
 void GNS2000Link::doErase(Lock& lock) {
   protocolCommand_ = GNS2000::kStateEraseRequested;
-  if (!rfcommChannel_ || !rfcommChannel_->isOpen()) connect(lock);
+  if (needsConnecting()) connect(lock);
+}
+
+bool GNS2000Link::needsConnecting() {
+  if (bluetoothDevice_ && !isReceiver(*bluetoothDevice_)) {
+    // Another receiver was chosen since: its predecessor's channel goes.
+    bluetoothDevice_.reset();
+    if (rfcommChannel_) std::exchange(rfcommChannel_, nullptr)->closeChannel();
+  }
+  return !rfcommChannel_ || !rfcommChannel_->isOpen();
 }
 
 bool GNS2000Link::isReceiver(const BluetoothDevice& device) const {
@@ -118,7 +128,6 @@ void GNS2000Link::findReceiver(Lock& lock) {
 }
 
 void GNS2000Link::connect(Lock& lock) {
-  if (bluetoothDevice_ && !isReceiver(*bluetoothDevice_)) bluetoothDevice_.reset();
   if (!bluetoothDevice_) findReceiver(lock);
   if (!bluetoothDevice_) {
     logLine("No GNS 2000 found.");

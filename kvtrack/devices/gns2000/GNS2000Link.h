@@ -67,6 +67,8 @@ class GNS2000Link final : public RfcommChannelDelegate,
   void prepare();
   void doImport(Lock& lock);
   void doErase(Lock& lock);
+  /// True when no channel to the chosen receiver is open.
+  bool needsConnecting();
   void connect(Lock& lock);
   void findReceiver(Lock& lock);
   bool isReceiver(const BluetoothDevice& device) const;
