@@ -48,7 +48,7 @@ Result<Bus> openSystemBus() {
   sd_bus* bus = nullptr;
   const int r = sd_bus_open_system(&bus);
   if (r < 0) {
-    return Status::failure(std::string("cannot reach the system D-Bus, so BlueZ cannot be asked: ") +
+    return Status::failure(std::string("BlueZ cannot be asked, the system D-Bus is out of reach: ") +
                            std::strerror(-r));
   }
   return Bus(bus);
