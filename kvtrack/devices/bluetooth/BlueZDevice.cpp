@@ -53,13 +53,13 @@ class BlueZDevice::SdpSession {
   sdp_session_t* get() const { return session_; }
 
   /// Opens a session with the device's SDP server; this brings up the
-  /// baseband connection when there is none.
+  /// baseband connection when there is none. The failure is the system's reason.
   static Result<std::unique_ptr<SdpSession>> open(const std::string& address) {
     Result<bdaddr_t> remote = parseAddress(address);
     if (!remote) return remote.status();
     const bdaddr_t any{};
     sdp_session_t* session = sdp_connect(&any, &*remote, SDP_RETRY_IF_BUSY);
-    if (session == nullptr) return Status::failure("cannot connect to " + address + ": " + systemReason());
+    if (session == nullptr) return Status::failure(systemReason());
     return std::make_unique<SdpSession>(session);
   }
 
@@ -96,7 +96,7 @@ Status BlueZDevice::closeConnection() {
 
 Result<std::vector<BluetoothServiceRecord>> BlueZDevice::queryServices() const {
   Result<std::unique_ptr<SdpSession>> session = SdpSession::open(properties_.address);
-  if (!session) return session.status();
+  if (!session) return session.status().prefixed("the service query of " + properties_.address + " failed");
   uuid_t everyRecord{};
   sdp_uuid16_create(&everyRecord, L2CAP_UUID);  // every service runs on L2CAP
   uint32_t range = 0x0000ffff;                  // all attributes
