@@ -130,21 +130,32 @@ class PrivateBus {
     char* arguments[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--nofork"),
                          const_cast<char*>(option.c_str()), nullptr};
     if (::posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr, arguments, environ) != 0) pid_ = -1;
-    for (int i = 0; i < 500 && pid_ > 0 && !std::filesystem::exists(socket_); ++i) {
-      std::this_thread::sleep_for(10ms);
-    }
+    // The socket appears before the daemon listens on it: ready once a client gets in.
+    for (int i = 0; i < 500 && pid_ > 0 && !(ready_ = accepts()); ++i) std::this_thread::sleep_for(10ms);
   }
   ~PrivateBus() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGTERM);
     ::waitpid(pid_, nullptr, 0);
   }
-  bool running() const { return pid_ > 0 && std::filesystem::exists(socket_); }
+  bool running() const { return ready_; }
   std::string address() const { return "unix:path=" + socket_; }
 
  private:
+  bool accepts() const {
+    if (!std::filesystem::exists(socket_)) return false;
+    sd_bus* client = nullptr;
+    sd_bus_new(&client);
+    sd_bus_set_address(client, address().c_str());
+    sd_bus_set_bus_client(client, 1);
+    const bool connected = sd_bus_start(client) >= 0;
+    sd_bus_flush_close_unref(client);
+    return connected;
+  }
+
   std::string socket_;
   pid_t pid_ = -1;
+  bool ready_ = false;
 };
 
 class BlueZTest : public ::testing::Test {
