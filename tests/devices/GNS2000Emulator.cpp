@@ -129,6 +129,14 @@ std::string GNS2000Emulator::nextFix() {
 
 void GNS2000Emulator::run(int descriptor) {
   std::string pending;
+  size_t noise = 0;
+  {
+    std::lock_guard lock(mutex_);
+    noise = misbehaviour_.silent ? 0 : misbehaviour_.noiseFirst;
+  }
+  std::string bytes(noise, '\0');
+  for (size_t i = 0; i < noise; ++i) bytes[i] = static_cast<char>((i * 37 + 1) % 251 | 0x80);
+  if (noise > 0) ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   auto nextTick = Clock::now();
   while (!stopping_ && !hungUp_) {
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(nextTick - Clock::now());

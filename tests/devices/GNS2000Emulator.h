@@ -47,6 +47,7 @@ class GNS2000Emulator {
     int hangUpAfterDumpSentences = -1;  // close the channel after this many data sentences
     int ignoredEraseRequests = 0;    // erase requests passed over before one is obeyed
     bool silent = false;             // never sends anything
+    size_t noiseFirst = 0;           // bytes of noise without a line end before the stream
   };
 
   static Record record(const LocusFix& fix);

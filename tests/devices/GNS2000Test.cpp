@@ -109,14 +109,15 @@ TEST_F(GNS2000Test, DumpBecomesTracksSplitWhereTimeRunsBackwards) {
   EXPECT_EQ(receiverDevice->connectionsOpened(), 1);
 }
 
-// Bad checksums drop sentences (they do not count as the first one); a
-// sentence split over two deliveries is put together.
+// Noise and bad checksums drop sentences (they do not count as the first
+// one); a sentence split over two deliveries is put together.
 TEST_F(GNS2000Test, BadChecksumsAreDroppedAndSplitSentencesJoined) {
   std::vector<GNS2000Emulator::Record> records;
   for (int i = 0; i < 12; ++i) records.push_back(fixAt(i * 10));
   receiver.setRecords(records);
   receiver.setRecordsPerSentence(3);
-  receiver.setMisbehaviour({.badFirstSentences = 4, .badDumpSentence = 1, .splitDumpSentence = 2});
+  receiver.setMisbehaviour(
+      {.badFirstSentences = 4, .badDumpSentence = 1, .splitDumpSentence = 2, .noiseFirst = 10000});
   const auto tracks = download();
   ASSERT_TRUE(tracks) << driver.lastStatus().reason();
   ASSERT_EQ(tracks->size(), 1u);

@@ -19,6 +19,9 @@
 // older than the one before starts a new track. Records without a fix
 // (fix type 0 or above 4) and empty ones (all 0xFF) are skipped.
 //
+// Progress is reported in dump sentences, from the run loop's thread. Noise
+// on the link (over 8 KiB without a line end) is dropped.
+//
 // There is no time limit: a silent receiver is waited for until its channel
 // closes or the download is cancelled (cancelRunningDownloads(), Ctrl-C in
 // wayfolio); the wait then ends and nothing is returned, so nothing half

@@ -14,6 +14,9 @@ namespace kvtrack {
 namespace {
 
 constexpr size_t kWordsPerRecord = 4;
+// The longest sentence the receiver sends is a few hundred characters; more
+// without a line end is noise on the link.
+constexpr size_t kLongestLine = 8192;
 // Lines without "$P" in a row after which the erase request is repeated.
 constexpr int64_t kEraseRepeatAfter = 11;
 
@@ -64,7 +67,13 @@ void GNS2000Link::rfcommChannelData(RfcommChannel& channel, std::span<const uint
 void GNS2000Link::readData() {
   if (receivedData_.empty()) return;
   const size_t end = receivedData_.find("\r\n");
-  if (end == std::string::npos) return;
+  if (end == std::string::npos) {
+    if (receivedData_.size() > kLongestLine) {
+      logf("GNS2000: {} bytes without a line end dropped", receivedData_.size());
+      receivedData_.clear();
+    }
+    return;
+  }
   const std::string line = receivedData_.substr(0, end);
   if (line.starts_with("$P")) nonPResponseCounter_ = 0;
   else ++nonPResponseCounter_;
