@@ -70,8 +70,8 @@ class GNS2000 : public GpsDriver {
 
   std::string name() const override { return "GNS2000"; }
   /// Both arguments are ignored: the receiver is found among the paired
-  /// Bluetooth devices. The tracks of the log (the first one empty when the
-  /// log is), or absent. Must not be called on the run loop's thread.
+  /// Bluetooth devices. The tracks of the log (one empty track for an empty
+  /// log), or absent. Must not be called on the run loop's thread.
   std::optional<std::vector<TrackPtr>> importTracksFromDevice(const std::string& device,
                                                               const Options& options) override;
   /// Erases the logger; true once the receiver has acknowledged it.
