@@ -6,6 +6,7 @@
 
 #include "kvtrack/devices/gns2000/GNS2000.h"
 #include "tests/cli/WayfolioFixture.h"
+#include "tests/devices/BluetoothdEmulator.h"
 
 namespace kvtrack::testing {
 namespace {
@@ -81,6 +82,32 @@ TEST_F(GNS2000DownloadTest, NoReceiverIsSaidPlainly) {
   } else {
     EXPECT_EQ(lineWith(devices, "Bluetooth"), "") << devices;
   }
+}
+
+// BlueZ on a private bus with one receiver paired: devices lists it, and a
+// download finds it and says why it cannot reach it without an adapter.
+TEST_F(GNS2000DownloadTest, PairedReceiverIsListedAndLookedFor) {
+  test::PrivateBus bus(scratch.file(""));
+  if (!bus.running()) GTEST_SKIP() << "dbus-daemon cannot be started here";
+  test::BluetoothdEmulator bluetoothd(
+      bus.address(), true,
+      {{"/org/bluez/hci0/dev_00_1B_C1_0A_0B_0C", "00:1B:C1:0A:0B:0C", "GNS 2000", true, true},
+       {"/org/bluez/hci0/dev_00_11_22_33_44_55", "00:11:22:33:44:55", "Headset", true, false}});
+  ASSERT_TRUE(bluetoothd.started());
+  const std::string onBus = "DBUS_SYSTEM_BUS_ADDRESS=" + word(bus.address()) + " " + word(WAYFOLIO_BINARY);
+  const WayfolioRun devices = runProgram(onBus, library(), "devices");
+  EXPECT_EQ(devices.status, 0) << devices.err;
+  EXPECT_EQ(lineWith(devices.out, "Bluetooth"), "GNS 2000 00:1B:C1:0A:0B:0C (Bluetooth, paired, connected)")
+      << devices.out;
+  EXPECT_EQ(lineWith(devices.out, "Headset"), "");
+
+  const WayfolioRun download = runProgram(onBus, library(), "download --type '*GNS2000' --device 00:1b:c1:0a:0b:0c");
+  EXPECT_EQ(download.status, 1);
+  EXPECT_NE(download.err.find("wayfolio: error: the download from 00:1b:c1:0a:0b:0c failed: cannot connect to "
+                              "00:1B:C1:0A:0B:0C: "),
+            std::string::npos)
+      << download.err;
+  EXPECT_EQ(bluetoothd.disconnected(), std::vector<std::string>{"00:1B:C1:0A:0B:0C"});
 }
 
 }  // namespace
