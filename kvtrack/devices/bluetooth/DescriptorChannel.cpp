@@ -26,6 +26,16 @@ ssize_t writeSome(int descriptor, const uint8_t* bytes, size_t size) {
   }
 }
 
+// The reader reads with read(2) itself, not through the SystemCalls seam: a
+// channel kept open until the process exits has its reader still running
+// while static objects (the seam among them) are destroyed.
+ssize_t readPiece(int descriptor, uint8_t* buffer, size_t size) {
+  for (;;) {
+    const ssize_t n = ::read(descriptor, buffer, size);
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
 }  // namespace
 
 Result<std::shared_ptr<DescriptorChannel>> DescriptorChannel::start(
@@ -64,7 +74,7 @@ void DescriptorChannel::readLoop() {
       break;
     }
     if (watch[1].revents != 0) return;  // closed from this side
-    const ssize_t count = readSome(descriptor_.get(), buffer.data(), buffer.size());
+    const ssize_t count = readPiece(descriptor_.get(), buffer.data(), buffer.size());
     if (count <= 0) {
       if (count < 0) logf("Bluetooth channel: read failed: {}", std::strerror(errno));
       break;
