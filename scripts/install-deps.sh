@@ -14,7 +14,7 @@ packages=(
   time
   gpsbabel
   libimage-exiftool-perl libvips-tools libvips-dev
-  libudev-dev libusb-1.0-0-dev
+  libudev-dev libusb-1.0-0-dev libbluetooth-dev libsystemd-dev dbus-daemon
   libzip-dev libplist-dev zip unzip
   gdal-bin libplist-utils python3
   libjs-leaflet chromium nlohmann-json3-dev xdg-utils

@@ -151,8 +151,8 @@ void LoopbackHttpServer::serve(UniqueFd connection) {
     stopped_.wait_for(lock, answer.delay, [this] { return stopping_; });
   }
   const std::string reply = fmt::format(
-      "HTTP/1.1 {} Status\r\nContent-Type: text/xml; charset=utf-8\r\nContent-Length: {}\r\nConnection: close\r\n\r\n{}",
-      answer.status, answer.body.size(), answer.body);
+      "HTTP/1.1 {} Status\r\nContent-Type: {}\r\nContent-Length: {}\r\nConnection: close\r\n\r\n{}",
+      answer.status, answer.contentType, answer.body.size(), answer.body);
   ::send(connection.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
 }
 

@@ -30,6 +30,7 @@ struct CannedAnswer {
   int status = 200;
   std::string body;
   std::chrono::milliseconds delay{0};
+  std::string contentType = "text/xml; charset=utf-8";
 };
 
 class LoopbackHttpServer {

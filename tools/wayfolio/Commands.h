@@ -34,6 +34,12 @@ inline Outcome libraryChanged(bool changed = true, std::string report = {}) {
   return Outcome{changed, std::nullopt, std::move(report)};
 }
 
+/// The command ran but did not fully succeed; changed: what it did still
+/// needs saving.
+inline Outcome commandFailed(std::string why, bool changed = false) {
+  return Outcome{changed, std::move(why), {}};
+}
+
 /// Global options, and the command chosen on the command line.
 struct Invocation {
   std::string library;  // empty: FileHandling's default folder

@@ -2,6 +2,7 @@
 #include "tools/wayfolio/DeviceCommands.h"
 
 #include "kvtrack/devices/bg728/BG728.h"
+#include "kvtrack/devices/gns2000/GNS2000.h"
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/devices/gt800/IGotUGT800.h"
 #include "kvtrack/devices/igotu/IGotU.h"
@@ -12,6 +13,7 @@
 #include "kvtrack/library/TrackLibraryGPX.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/support/RunLoop.h"
 #include "tools/wayfolio/LibraryNames.h"
 #include "tools/wayfolio/LibrarySession.h"
 
@@ -25,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -102,10 +105,16 @@ constexpr const char* kIGotUAccessHint =
 
 bool isIGotU(const DeviceOptions& options) { return options.type == kIGotUType; }
 
+// The GNS 2000 is found among the paired Bluetooth devices; --device may
+// name it (its paired name or address).
+constexpr const char* kGNS2000Type = "*GNS2000";
+bool isGNS2000(const DeviceOptions& options) { return options.type == kGNS2000Type; }
+
 // What messages call the logger.
 std::string deviceLabel(const DeviceOptions& options) {
   if (!options.device.empty()) return options.device;
   if (isIGotU(options)) return "the i-gotU";
+  if (isGNS2000(options)) return "the GNS 2000";
   throw CommandError(fmt::format("--device is required for logger type {}", options.type));
 }
 
@@ -119,6 +128,39 @@ std::string iGotUFailure(const Status& status) {
     }
   }
   return fmt::format("the download from the i-gotU failed: {}", status.reason());
+}
+
+void printBluetoothReceivers() {
+  const auto receivers = GNS2000::pairedReceivers();
+  if (!receivers) {
+    fmt::print("GNS receivers on Bluetooth cannot be looked for: {}\n", receivers.reason());
+    return;
+  }
+  for (const GNS2000::PairedReceiver& receiver : *receivers) {
+    fmt::print("{} {} (Bluetooth, paired{})\n", receiver.name, receiver.address,
+               receiver.connected ? ", connected" : "");
+  }
+}
+
+// Why a built-in driver that keeps its reason failed; empty when it did not.
+std::string driverFailure(const std::shared_ptr<GpsDriver>& driver) {
+  const auto receiver = std::dynamic_pointer_cast<GNS2000>(driver);
+  return receiver && !receiver->lastStatus() ? receiver->lastStatus().reason() : std::string();
+}
+
+// The GNS 2000 does its Bluetooth work on the main loop, which must run
+// while the bridge waits for the driver: the bridge runs on a worker.
+TransferStatus besideMainLoop(const std::function<TransferStatus()>& transfer) {
+  std::atomic<bool> done{false};
+  TransferStatus status;
+  std::thread worker([&] {
+    status = transfer();
+    done = true;
+  });
+  while (!RunLoop::main().runUntil([&] { return done.load(); }, std::chrono::hours(1))) {
+  }
+  worker.join();
+  return status;
 }
 
 void printUsbLoggers() {
@@ -152,6 +194,9 @@ void chooseDevice(const DeviceOptions& options) {
     }
   }
   auto& babel = GPSBabel::singleton();
+  if (auto receiver = std::dynamic_pointer_cast<GNS2000>(babel.driverNamed("GNS2000"))) {
+    receiver->setReceiver(isGNS2000(options) ? options.device : std::string());
+  }
   babel.setDevice(name);
   babel.setDeviceType(options.type);
   if (!babel.additionalCommandlineOptions()) babel.setAdditionalCommandlineOptions("");
@@ -167,6 +212,7 @@ Outcome runDevices() {
     else fmt::print("{} (no permission: add yourself to the dialout group)\n", path);
   }
   printUsbLoggers();
+  printBluetoothReceivers();
   return {};
 }
 
@@ -188,7 +234,8 @@ Transfer downloadToFile(const std::shared_ptr<GpsDriver>& driver, const std::str
       std::fflush(stderr);
     });
   }
-  TransferStatus status = GPSBabel::singleton().importTracksAndWaypointToFile(gpx);
+  TransferStatus status =
+      besideMainLoop([&gpx] { return GPSBabel::singleton().importTracksAndWaypointToFile(gpx); });
   if (driver) driver->setProgress(nullptr);
   if (showProgress) std::fputs("\r\033[K", stderr);
   return {std::move(status), guard.interrupted()};
@@ -211,9 +258,8 @@ Outcome importDownload(const DeviceOptions& options, const std::string& label, c
     for (const auto& track : configuration.importedTracks()) {
       if (auto folder = folderOf(*track)) folder->deleteTrack(track);
     }
-    return Outcome{.changed = created,
-                   .failure = fmt::format("the download from {} was not readable: {}", label,
-                                          imported.reason())};
+    return commandFailed(fmt::format("the download from {} was not readable: {}", label, imported.reason()),
+                         created);
   }
   const auto& tracks = configuration.importedTracks();
   std::string report =
@@ -230,6 +276,23 @@ Outcome importDownload(const DeviceOptions& options, const std::string& label, c
   return libraryChanged(true, std::move(report));
 }
 
+// The built-in driver of a "*NAME" type; none for a gpsbabel format.
+std::shared_ptr<GpsDriver> builtInDriver(const DeviceOptions& options) {
+  return options.type.starts_with('*') ? GPSBabel::singleton().driverNamed(options.type.substr(1)) : nullptr;
+}
+
+// Why a transfer ("download from", "erase of") failed, in the driver's words
+// when it kept them; nothing when it did not fail.
+std::optional<std::string> transferFailure(const std::string& what, const std::string& label,
+                                           const TransferStatus& status,
+                                           const std::shared_ptr<GpsDriver>& driver) {
+  if (status) return std::nullopt;
+  if (const std::string reason = driverFailure(driver); !reason.empty()) {
+    return fmt::format("the {} {} failed: {}", what, label, reason);
+  }
+  return fmt::format("the {} {} failed (status {}): {}", what, label, status.code, status.reason);
+}
+
 Outcome runDownload(const DeviceOptions& options) {
   const std::string label = deviceLabel(options);
   chooseDevice(options);
@@ -241,8 +304,7 @@ Outcome runDownload(const DeviceOptions& options) {
 
   std::fprintf(stderr, "Downloading from %s (%s) ...\n", label.c_str(), options.type.c_str());
   std::fflush(stderr);
-  auto driver = options.type.starts_with("*") ? GPSBabel::singleton().driverNamed(options.type.substr(1))
-                                              : nullptr;
+  const auto driver = builtInDriver(options);
   const Transfer transfer = downloadToFile(driver, gpx);
   const auto iGotU = std::dynamic_pointer_cast<IGotU>(driver);
   std::optional<std::string> failure;
@@ -251,11 +313,10 @@ Outcome runDownload(const DeviceOptions& options) {
   } else if (iGotU && !iGotU->lastDownloadStatus()) {
     // A logger that could not be opened still yields one empty track.
     failure = iGotUFailure(iGotU->lastDownloadStatus());
-  } else if (!transfer.status) {
-    failure = fmt::format("the download from {} failed (status {}): {}", label, transfer.status.code,
-                          transfer.status.reason);
+  } else {
+    failure = transferFailure("download from", label, transfer.status, driver);
   }
-  Outcome outcome = failure ? Outcome{.failure = *failure}
+  Outcome outcome = failure ? commandFailed(*failure)
                             : importDownload(options, label, gpx, driver ? driver->invalidPositionCount() : 0);
   fs::remove(gpx, ignored);
   return outcome;
@@ -285,11 +346,12 @@ Outcome runErase(const DeviceOptions& options) {
   TransferStatus status;
   {
     InterruptGuard guard;
-    status = GPSBabel::singleton().deleteTracksAndWaypointToFile(sandbox + "/erase.gpx");
+    status = besideMainLoop([&sandbox] {
+      return GPSBabel::singleton().deleteTracksAndWaypointToFile(sandbox + "/erase.gpx");
+    });
   }
-  if (!status) {
-    return Outcome{.failure = fmt::format("the erase of {} failed (status {}): {}", label, status.code,
-                                          status.reason)};
+  if (auto failure = transferFailure("erase of", label, status, builtInDriver(options))) {
+    return commandFailed(std::move(*failure));
   }
   fmt::print("Erased the tracks on {}\n", label);
   return {};
@@ -297,10 +359,11 @@ Outcome runErase(const DeviceOptions& options) {
 
 void addDeviceOptions(CLI::App* command, DeviceOptions& options) {
   command->add_option("--type", options.type,
-                      "Logger type: *i-gotU, *BG728, *i-gotUGT800, or a gpsbabel format (e.g. nmea, mtk)")
+                      "Logger type: *i-gotU, *BG728, *i-gotUGT800, *GNS2000, or a gpsbabel format (e.g. nmea, mtk)")
       ->required();
   command->add_option("--device", options.device,
-                      "Serial port, e.g. ttyUSB0 or /dev/ttyUSB0 (not for *i-gotU, found on USB)");
+                      "Serial port, e.g. ttyUSB0 or /dev/ttyUSB0 (not for *i-gotU, found on USB); for "
+                      "*GNS2000 the paired receiver's name or address (default: \"GNS 2000\")");
 }
 
 }  // namespace
@@ -309,7 +372,7 @@ void addDeviceCommands(CLI::App& app, Invocation& invocation) {
   if (const char* folder = std::getenv("WAYFOLIO_DEVICE_FOLDER"); folder && *folder)
     FileHandling::singleton().setDeviceFolder(folder);
 
-  CLI::App* devices = app.add_subcommand("devices", "List the serial ports GPS loggers can use");
+  CLI::App* devices = app.add_subcommand("devices", "List the serial ports, and the GPS loggers present on USB and Bluetooth");
   devices->callback([&invocation] {
     invocation.usesLibrary = false;
     invocation.action = [] { return runDevices(); };

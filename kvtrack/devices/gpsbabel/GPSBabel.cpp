@@ -3,6 +3,7 @@
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 
 #include "kvtrack/devices/bg728/BG728.h"
+#include "kvtrack/devices/gns2000/GNS2000.h"
 #include "kvtrack/devices/gt800/IGotUGT800.h"
 #include "kvtrack/devices/igotu/IGotU.h"
 
@@ -41,6 +42,7 @@ GPSBabel& GPSBabel::singleton() {
     created->registerDriver(std::make_shared<IGotU>());
     created->registerDriver(std::make_shared<IGotUGT800>());
     created->registerDriver(std::make_shared<BG728>());
+    created->registerDriver(std::make_shared<GNS2000>());
     return created;
   }();
   return *instance;
