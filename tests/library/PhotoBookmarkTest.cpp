@@ -32,10 +32,11 @@ TEST_F(LibraryTest, LoadingFollowsMovedPhotosAndSavesTheRenewedBookmark) {
   track->trackPoints()[1]->addTrackPhoto(TrackPhoto::trackPhotoWithFilepath(sandbox->from));
   track->trackPoints()[1]->trackPhotos()[0]->updateBookmarkFromPath();
   library->addTrack(track);
-  reopen();
-
+  // Moved before the library opens again: it may load tracks at once.
   std::filesystem::create_directories(folder.file("moved"));
   std::filesystem::rename(sandbox->from, sandbox->to);
+  reopen();
+
   const TrackPtr loaded = library->tracks().front();
   const TrackPhotoPtr photo = loaded->trackPoints()[1]->trackPhotos().at(0);
   EXPECT_EQ(photo->originalFilepath(), sandbox->to);
