@@ -17,6 +17,7 @@ packages=(
   libudev-dev libusb-1.0-0-dev
   libzip-dev libplist-dev zip unzip
   gdal-bin libplist-utils python3
+  dpkg-dev lintian man-db groff-base zsh
 )
 
 missing=()
