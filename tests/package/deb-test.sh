@@ -35,7 +35,9 @@ check_listing() {
   while read -r mode owner path; do
     [ "$owner" = root/root ] || fail "$package: $path belongs to $owner"
     case $mode in
-      d*) [ "$mode" = drwxr-xr-x ] || fail "$package: folder $path has mode $mode"; continue ;;
+      d*) [ "$mode" = drwxr-xr-x ] || fail "$package: folder $path has mode $mode"
+          [[ $path =~ ^\./(usr/((bin|include|lib|share)/.*)?)?$ ]] || fail "$package: folder $path"
+          continue ;;
       -rwxr-xr-x) [[ $path == ./usr/bin/* ]] || fail "$package: $path is executable" ;;
       -rw-r--r--) ;;
       *) fail "$package: $path has mode $mode" ;;
