@@ -18,6 +18,7 @@ packages=(
   libzip-dev libplist-dev zip unzip
   gdal-bin libplist-utils python3
   libjs-leaflet chromium nlohmann-json3-dev xdg-utils
+  dpkg-dev lintian man-db groff-base zsh
 )
 
 missing=()

@@ -111,6 +111,11 @@ std::string FileHandling::userApplicationSupport() {
   return applicationSupport_;
 }
 
+std::string FileHandling::userApplicationSupportIfAny() {
+  std::lock_guard lock(mutex_);
+  return applicationSupport_.empty() ? defaultLibraryFolder() : applicationSupport_;
+}
+
 void FileHandling::setUserApplicationSupport(std::string path) {
   std::lock_guard lock(mutex_);
   applicationSupport_ = std::move(path);

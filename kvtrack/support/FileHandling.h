@@ -26,6 +26,9 @@ class FileHandling {
   /// else $HOME/.local/share/wayfolio. Created on first use.
   std::string userApplicationSupport();
   void setUserApplicationSupport(std::string path);
+  /// The same folder, never created: for readers that must not leave a
+  /// trace where no library is.
+  std::string userApplicationSupportIfAny();
 
   /// $XDG_CACHE_HOME/wayfolio/locations, else $HOME/.cache/wayfolio/locations.
   /// Created on first use.

@@ -110,6 +110,7 @@ int runCommandLine(int argc, char** argv) {
   addPhotoCommands(app, invocation);
   addPlaceCommands(app, invocation);
   addDeviceCommands(app, invocation);
+  addShellSupportCommands(app, invocation);
 
   try {
     app.parse(argc, argv);

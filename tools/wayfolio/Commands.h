@@ -65,5 +65,8 @@ void addZipCommand(CLI::App& app, Invocation& invocation);
 void addSyncCommand(CLI::App& app, Invocation& invocation);
 void addCheckCommand(CLI::App& app, Invocation& invocation);
 void addViewCommand(CLI::App& app, Invocation& invocation);
+/// Hidden: __complete (Tab completion) and __manpage (the manual page).
+/// Registered last; they see every command registered before them.
+void addShellSupportCommands(CLI::App& app, Invocation& invocation);
 
 }  // namespace wayfolio

@@ -100,8 +100,9 @@ class InterruptGuard {
 // The i-gotU is found on the USB bus; every other logger needs --device.
 constexpr const char* kIGotUType = "*i-gotU";
 constexpr const char* kIGotUAccessHint =
-    "no permission: install the udev rule scripts/60-igotu.rules into /etc/udev/rules.d/ and plug "
-    "the logger in again, or add yourself to the plugdev group";
+    "no permission: add yourself to the plugdev group and log in again, with the udev rules of the "
+    "wayfolio package (or packaging/60-wayfolio.rules copied into /etc/udev/rules.d/), then plug "
+    "the logger in again";
 
 bool isIGotU(const DeviceOptions& options) { return options.type == kIGotUType; }
 

@@ -93,6 +93,13 @@ std::shared_ptr<GpsDriver> GPSBabel::driverNamed(const std::string& name) const 
   return found == internalDrivers_.end() ? nullptr : found->second;
 }
 
+std::vector<std::string> GPSBabel::driverNames() const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [name, driver] : internalDrivers_) names.push_back(name);
+  return names;
+}
+
 GPSBabel::Settings GPSBabel::settings() const {
   std::lock_guard lock(mutex_);
   return {device_, deviceType_, additionalCommandlineOptions_};

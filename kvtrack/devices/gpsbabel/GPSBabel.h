@@ -70,6 +70,8 @@ class GPSBabel {
   void registerDriver(std::shared_ptr<GpsDriver> driver);
   /// The built-in driver filed under the name, or null.
   std::shared_ptr<GpsDriver> driverNamed(const std::string& name) const;
+  /// The names of every built-in driver, in name order.
+  std::vector<std::string> driverNames() const;
 
   // --- parts of the settings ---------------------------------------------------
   /// The options before "!FILTER!" (all of them when there is none).
