@@ -28,9 +28,10 @@ constexpr std::array<const char*, 6> kLogTypeNames = {"Found", "Not Found", "Not
 constexpr std::array<const char*, 6> kGroundspeakLogTypeNames = {
     "Found it", "Didn't find it", "Other", "Write note", "Other", "Owner Maintenance"};
 
+// The name of a value, or the fallback for one out of range.
 template <size_t N>
-const char* nameAt(const std::array<const char*, N>& names, int32_t value) {
-  if (value < 0 || static_cast<size_t>(value) >= N) return nullptr;
+const char* nameAt(const std::array<const char*, N>& names, int32_t value, const char* fallback = nullptr) {
+  if (value < 0 || static_cast<size_t>(value) >= N) return fallback;
   return names[static_cast<size_t>(value)];
 }
 
@@ -54,22 +55,19 @@ std::optional<std::string> gpxNameforStatus(int32_t status) {
 int32_t statusForGPXName(std::string_view name) { return valueOf(kStatusNames, name, 0); }
 
 std::string gpxNameForContainer(int32_t container) {
-  const char* name = nameAt(kContainerNames, container);
-  return name ? name : "Other";
+  return nameAt(kContainerNames, container, "Other");
 }
 
 int32_t containerForGPXName(std::string_view name) { return valueOf(kContainerNames, name, 6); }
 
 std::string gpxNameForType(int32_t type) {
-  const char* name = nameAt(kTypeNames, type);
-  return name ? name : "Other";
+  return nameAt(kTypeNames, type, "Other");
 }
 
 int32_t typeForGPXName(std::string_view name) { return valueOf(kTypeNames, name, 5); }
 
 std::string groundspeakGpxNameForType(int32_t type) {
-  const char* name = nameAt(kGroundspeakTypeNames, type);
-  return name ? name : "Other";
+  return nameAt(kGroundspeakTypeNames, type, "Other");
 }
 
 int32_t typeForGroundspeakGPXName(std::string_view name) {
@@ -77,15 +75,13 @@ int32_t typeForGroundspeakGPXName(std::string_view name) {
 }
 
 std::string gpxNameForLogType(int32_t logType) {
-  const char* name = nameAt(kLogTypeNames, logType);
-  return name ? name : "Other";
+  return nameAt(kLogTypeNames, logType, "Other");
 }
 
 int32_t logTypeForGPXName(std::string_view name) { return valueOf(kLogTypeNames, name, 4); }
 
 std::string groundspeakGpxNameForLogType(int32_t logType) {
-  const char* name = nameAt(kGroundspeakLogTypeNames, logType);
-  return name ? name : "";
+  return nameAt(kGroundspeakLogTypeNames, logType, "");
 }
 
 }  // namespace kvtrack
