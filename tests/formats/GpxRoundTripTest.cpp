@@ -54,24 +54,5 @@ TEST(GpxRoundTrip, ReadingIsIdempotentOverASecondWrite) {
   }
 }
 
-TEST(GpxRoundTrip, PreformattedPointsMatchElementByElementWriting) {
-  ScratchFolder folder;
-  for (uint32_t seed = 2000; seed < 2100; ++seed) {
-    auto track = Generator(seed).track();
-    GpxExportConfiguration configuration;
-    configuration.setExportWayfolioExtensions(seed % 7 != 0);
-    if (seed % 3 == 0) {
-      configuration.setFilterPredicate([](const TrackPoint& p) { return p.latitude() > 0; });
-    }
-    if (seed % 5 == 0) configuration.setDoNotExportBookmarks(true);
-    const std::string fast = folder.file("fast.gpx"), reference = folder.file("reference.gpx");
-    ASSERT_TRUE(TrackGPX(track).exportTo(fast, configuration));
-    configuration.setPreformattedTrackPoints(false);
-    ASSERT_TRUE(TrackGPX(track).exportTo(reference, configuration));
-    const std::string a = ScratchFolder::read(fast), b = ScratchFolder::read(reference);
-    ASSERT_EQ(a, b) << "seed " << seed;
-  }
-}
-
 }  // namespace
 }  // namespace kvtrack
