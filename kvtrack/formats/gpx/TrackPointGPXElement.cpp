@@ -9,6 +9,15 @@ void TrackPointGPXElement::trackPointGPXElementForTrackPoint(TrackPointPtr point
   parser.pushHandler(std::make_unique<TrackPointGPXElement>(std::move(point)));
 }
 
+void TrackPointGPXElement::reset(TrackPointPtr point) {
+  owned_ = std::move(point);
+  point_ = owned_.get();
+  currentPhoto_.reset();
+  buffer_.clear();
+  parserInTime_ = parserInElevation_ = parserInSpeed_ = parserInLength_ = false;
+  parserInName_ = parserInPhoto_ = parserInPhotoBookmark_ = false;
+}
+
 namespace {
 std::optional<std::string> text(const xml::Attributes& attributes, std::string_view name) {
   const auto value = attributes.value(name);
@@ -50,7 +59,7 @@ void TrackPointGPXElement::startPhoto(const xml::Attributes& attributes) {
     path = *filename;
   }
   auto photo = TrackPhoto::trackPhotoWithFilepath(path);
-  point_.addTrackPhoto(photo);
+  point_->addTrackPhoto(photo);
   if (const auto time = attributes.value("time")) {
     photo->setTimeOfPhoto(ISODate::isoDateWithString(*time));
   }
@@ -68,16 +77,16 @@ void TrackPointGPXElement::startPhoto(const xml::Attributes& attributes) {
 
 void TrackPointGPXElement::characters(xml::SaxParser&, std::string_view chunk) {
   if (parserInTime_) {
-    point_.setTime(ISODate::isoDateWithString(chunk));
+    point_->setTime(ISODate::isoDateWithString(chunk));
   } else if (parserInElevation_) {
-    point_.setElevation(parseDecimal(chunk));
+    point_->setElevation(parseDecimal(chunk));
   } else if (parserInSpeed_) {
-    point_.setSpeed(parseDecimal(chunk));
+    point_->setSpeed(parseDecimal(chunk));
   } else if (parserInName_) {
-    if (point_.isWayPoint()) {
-      point_.setName(std::string(chunk));
+    if (point_->isWayPoint()) {
+      point_->setName(std::string(chunk));
     } else if (chunk.starts_with("WP")) {
-      point_.setIsWayPoint(true);  // the name itself arrives with a later chunk, if any
+      point_->setIsWayPoint(true);  // the name itself arrives with a later chunk, if any
     }
   }
   buffer_.append(chunk);
@@ -101,8 +110,10 @@ void TrackPointGPXElement::endElement(xml::SaxParser& parser, std::string_view n
     parserInPhoto_ = false;
   } else if (name == "trkpt" || name == "rtept") {
     // Unnamed route points are plain points; named ones stay waypoints.
-    if (name == "rtept" && (!point_.name() || point_.name()->empty())) point_.setIsWayPoint(false);
+    if (name == "rtept" && (!point_->name() || point_->name()->empty())) point_->setIsWayPoint(false);
     parser.handBack();
+    owned_.reset();  // no more events come until the next reset
+    currentPhoto_.reset();
   }
 }
 
