@@ -5,6 +5,9 @@
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/NumberText.h"
 
+#include <algorithm>
+#include <filesystem>
+
 namespace kvtrack {
 
 namespace {
@@ -65,6 +68,20 @@ void mergeWayPoints(Track& track, const std::vector<TrackPointPtr>& wayPoints) {
   }
 }
 
+// Room for the points a file of this size likely holds (a plain "trkpt"
+// with elevation and time takes about 100 bytes), so that the list does not
+// grow by copying itself over and over while a long track is read.
+void reserveForFile(Track& track, const std::string& path) {
+  track.loadFromLibrary();  // what adding the first point would do anyway
+  if (track.loadedPointCount() != 0) return;
+  std::error_code error;
+  const auto bytes = std::filesystem::file_size(path, error);
+  if (error) return;
+  std::vector<TrackPointPtr> points;
+  points.reserve(static_cast<size_t>(std::min<std::uintmax_t>(bytes / 100, 50'000'000)));
+  track.setTrackPoints(std::move(points));
+}
+
 }  // namespace
 
 Status TrackGPX::importFrom(const std::string& path) {
@@ -77,6 +94,7 @@ Status TrackGPX::importFrom(const std::string& path) {
   importFilename_ = path;
   gpx::ReadContext context{path, 0};
   TrackGPXRoot root(*track_, context);
+  reserveForFile(*track_, path);
   xml::SaxParser parser;
   const bool ok = parser.parseFile(path, root);
   if (!ok && parser.error() && parser.error()->code == -1) {
