@@ -30,6 +30,21 @@ struct ReadContext {
 /// coordinates are numbers within range; nothing otherwise.
 std::optional<std::pair<double, double>> readPosition(const xml::Attributes& attributes);
 
+/// ISODate::isoDateWithString for the times of a track, which keep their
+/// date and zone from one point to the next: for a plain
+/// "YYYY-MM-DDThh:mm:ss" time with the date and zone ("Z" or "+hh:mm") of the
+/// time read before, only the time of day is read.
+class TimeTextReader {
+ public:
+  std::optional<ISODate> read(std::string_view text);
+
+ private:
+  std::string dateAndZone_;  // "YYYY-MM-DDT" and the zone of the last plain time
+  int64_t midnight_ = 0;     // its date's start in its zone, microseconds since 1970
+  int32_t offset_ = 0;
+  bool cached_ = false;
+};
+
 /// A "trkpt" or "rtept": time, elevation, speed, the waypoint name, photos.
 class TrackPointGPXElement : public xml::SaxHandler {
  public:
@@ -60,6 +75,7 @@ class TrackPointGPXElement : public xml::SaxHandler {
   TrackPoint* point_ = nullptr;
   TrackPhotoPtr currentPhoto_;
   std::string buffer_;
+  TimeTextReader times_;
   bool parserInTime_ = false;
   bool parserInElevation_ = false;
   bool parserInSpeed_ = false;

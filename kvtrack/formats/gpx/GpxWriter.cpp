@@ -230,25 +230,30 @@ void writePhoto(XmlElement parent, TrackPhoto& photo, GpxExportConfiguration& co
 }
 
 
-// One "trkseg" whose points are formatted while the document is saved,
-// in pieces of about a megabyte. `accepted` (when filtering) says which
-// points pass the filter; the points view keeps the track locked until then.
-void addSegment(XmlElement track, const std::shared_ptr<TrackPoints>& points, size_t begin,
-                size_t end, const std::shared_ptr<std::vector<bool>>& accepted,
+using PointList = std::vector<TrackPointPtr>;
+
+// One "trkseg" whose points are formatted while the document is saved, in
+// pieces of about a megabyte, under the track's lock (taken again then, so
+// that no two tracks are ever locked together). `accepted` (when filtering)
+// says which points pass the filter.
+void addSegment(XmlElement element, Track& track, const std::shared_ptr<const PointList>& points,
+                size_t begin, size_t end, const std::shared_ptr<std::vector<bool>>& accepted,
                 GpxExportConfiguration& configuration) {
-  XmlElement segment = track.addChild("trkseg");
+  XmlElement segment = element.addChild("trkseg");
   bool any = !accepted && begin < end;
   for (size_t i = begin; !any && i < end; ++i) any = (*accepted)[i];
   if (!any) return;  // an empty segment: "<trkseg/>"
   const int depth = segment.depth() + 1;
+  Track* const owner = &track;  // outlives the document: exports save before they return
   segment.addDeferredMarkup([=, &configuration](const xml::MarkupSink& sink) {
     constexpr size_t kPiece = 1 << 20;
+    std::lock_guard<Track> lock(*owner);
     TrackPointMarkup markup(configuration, depth);
     std::string text;
     text.reserve(kPiece + 4096);
     for (size_t i = begin; i < end; ++i) {
       if (accepted && !(*accepted)[i]) continue;
-      markup.append(text, *(**points)[i]);
+      markup.append(text, *(*points)[i]);
       if (text.size() >= kPiece) {
         sink(text);
         text.clear();
@@ -261,9 +266,10 @@ void addSegment(XmlElement track, const std::shared_ptr<TrackPoints>& points, si
 }
 
 // The points of a track's segments; a point's end flag closes its segment.
-void writeSegments(XmlElement track, TrackPoints points, GpxExportConfiguration& configuration) {
-  const auto shared = std::make_shared<TrackPoints>(std::move(points));
-  const std::vector<TrackPointPtr>& list = **shared;
+// The list is copied, so that the track need not stay locked until saved.
+void writeSegments(XmlElement element, Track& track, const PointList& list,
+                   GpxExportConfiguration& configuration) {
+  const auto points = std::make_shared<const PointList>(list);
   std::shared_ptr<std::vector<bool>> accepted;
   if (configuration.filterPredicate()) {
     accepted = std::make_shared<std::vector<bool>>(list.size());
@@ -273,11 +279,11 @@ void writeSegments(XmlElement track, TrackPoints points, GpxExportConfiguration&
   for (size_t i = 0; i < list.size(); ++i) {
     // The end flag of the last point must not leave an empty segment behind.
     if (list[i]->isEndOfSegment() && i + 1 < list.size()) {
-      addSegment(track, shared, begin, i + 1, accepted, configuration);
+      addSegment(element, track, points, begin, i + 1, accepted, configuration);
       begin = i + 1;
     }
   }
-  addSegment(track, shared, begin, list.size(), accepted, configuration);
+  addSegment(element, track, points, begin, list.size(), accepted, configuration);
 }
 
 }  // namespace
@@ -299,7 +305,7 @@ XmlNamespace setUpRoot(XmlElement root, bool useGPX10) {
 void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
                         GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
   std::lock_guard<Track> lock(track);
-  auto points = track.trackPoints();
+  const auto points = track.trackPoints();
   const bool route = track.type() == Track::kPlaceCollection;
   if (waypointsOnly) {
     if (route) return;  // a route's points are its own, never separate waypoints
@@ -329,7 +335,7 @@ void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
   }
 
   if (!route) {
-    writeSegments(element, std::move(points), configuration);
+    writeSegments(element, track, *points, configuration);
     return;
   }
   for (const TrackPointPtr& point : points) {
