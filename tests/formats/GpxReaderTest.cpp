@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
+#include <tuple>
 
 namespace kvtrack {
 namespace {
@@ -129,6 +131,31 @@ TEST(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
   EXPECT_TRUE(p[0]->isWayPoint());
   EXPECT_EQ(p[0]->name(), "ByTime");
   EXPECT_EQ(p[0]->longitude(), 9.0);
+}
+
+// Each waypoint takes the first point at its position, as the points are
+// when its turn comes: a point found by time has moved to its waypoint's
+// position, where a later waypoint finds it.
+TEST(GpxReading, WaypointsTakeTheFirstPointAtTheirPositionAsPointsAreThen) {
+  ScratchFolder folder;
+  auto track = read(folder, gpx(R"(
+    <wpt lat="47.3" lon="8.3"><name>C</name></wpt>
+    <wpt lat="47.3" lon="8.3"><name>D</name></wpt>
+    <wpt lat="47.1" lon="8.1"><time>2012-05-01T10:00:00Z</time><name>A</name></wpt>
+    <wpt lat="47.1" lon="8.1"><name>B</name></wpt>
+    <trk><trkseg>
+      <trkpt lat="47.0" lon="8.0"><time>2012-05-01T10:00:00Z</time></trkpt>
+      <trkpt lat="47.2" lon="8.2"><time>2012-05-01T10:00:10Z</time></trkpt>
+      <trkpt lat="47.3" lon="8.3"><time>2012-05-01T10:00:20Z</time></trkpt>
+      <trkpt lat="47.3" lon="8.3"><time>2012-05-01T10:00:30Z</time></trkpt>
+    </trkseg></trk>)"));
+  const auto p = track->trackPoints();
+  ASSERT_EQ(p.size(), 4u);
+  EXPECT_EQ(p[2]->name(), "D");
+  EXPECT_FALSE(p[3]->isWayPoint());
+  EXPECT_EQ(std::tuple(p[0]->latitude(), p[0]->longitude(), p[0]->name()),
+            std::tuple(47.1, 8.1, std::optional<std::string>("B")));
+  EXPECT_FALSE(p[1]->isWayPoint());
 }
 
 TEST(GpxReading, PhotosInEveryFormAndFolder) {
