@@ -22,3 +22,6 @@ build/default/bench/bg728_bench
 echo
 echo "== track views of 10,000 and 100,000 points: build against GPX writing, then Chromium"
 build/default/bench/view_bench
+echo
+echo "== GPX: read and write a 1,000,000-point file; now / floor / ratio / target"
+bench/gpx.sh

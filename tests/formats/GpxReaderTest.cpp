@@ -16,7 +16,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <thread>
+#include <tuple>
 
 namespace kvtrack {
 namespace {
@@ -122,6 +124,25 @@ TEST_F(GpxReading, WaypointsMergeByPositionThenTimeOrAreDropped) {
   EXPECT_TRUE(r.point(0).isWayPoint());
   EXPECT_EQ(r.point(0).name(), "ByTime");
   EXPECT_EQ(r.point(0).longitude(), 9.0);
+}
+
+// Each waypoint takes the first point at its position, as the points are
+// when its turn comes: a point found by time has moved to its waypoint's
+// position, where a later waypoint finds it.
+TEST_F(GpxReading, WaypointsTakeTheFirstPointAtTheirPositionAsPointsAreThen) {
+  const Read r = body(R"(<wpt lat="47.3" lon="8.3"><name>C</name></wpt>
+    <wpt lat="47.3" lon="8.3"><name>D</name></wpt>
+    <wpt lat="47.1" lon="8.1"><time>2012-05-01T10:00:00Z</time><name>A</name></wpt>
+    <wpt lat="47.1" lon="8.1"><name>B</name></wpt>
+    <trk><trkseg><trkpt lat="47.0" lon="8.0"><time>2012-05-01T10:00:00Z</time></trkpt>
+      <trkpt lat="47.2" lon="8.2"><time>2012-05-01T10:00:10Z</time></trkpt>
+      <trkpt lat="47.3" lon="8.3"><time>2012-05-01T10:00:20Z</time></trkpt>
+      <trkpt lat="47.3" lon="8.3"><time>2012-05-01T10:00:30Z</time></trkpt></trkseg></trk>)");
+  ASSERT_EQ(r.track->trackPoints().size(), 4u);
+  EXPECT_EQ(r.point(2).name(), "D");
+  EXPECT_FALSE(r.point(3).isWayPoint() || r.point(1).isWayPoint());
+  EXPECT_EQ(std::tuple(r.point(0).latitude(), r.point(0).longitude(), r.point(0).name()),
+            std::tuple(47.1, 8.1, std::optional<std::string>("B")));
 }
 
 TEST_F(GpxReading, OlderFormsOfPhotosTrackAttributesAndForeignElements) {

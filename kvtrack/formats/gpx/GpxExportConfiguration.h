@@ -58,13 +58,8 @@ class GpxExportConfiguration {
   void setDoNotExportBookmarks(bool v) { doNotExportBookmarks_ = v; }
   bool doNotExportiCloudInfo() const { return doNotExportiCloudInfo_; }
   void setDoNotExportiCloudInfo(bool v) { doNotExportiCloudInfo_ = v; }
-  /// Track points go into their segment as pre-formatted markup, byte for
-  /// byte what building every element gives (false builds the elements).
-  bool preformattedTrackPoints() const { return preformattedTrackPoints_; }
-  void setPreformattedTrackPoints(bool v) { preformattedTrackPoints_ = v; }
 
  private:
-  bool preformattedTrackPoints_ = true;
   bool exportWayfolioExtensions_ = true;
   bool exportWaypointsOnly_ = false;
   bool exportGroundspeakExtensions_ = false;

@@ -30,6 +30,61 @@ struct ReadContext {
 /// coordinates are numbers within range; nothing otherwise.
 std::optional<std::pair<double, double>> readPosition(const xml::Attributes& attributes);
 
+/// ISODate::isoDateWithString for the times of a track, which keep their
+/// date and zone from one point to the next: for a plain
+/// "YYYY-MM-DDThh:mm:ss" time with the date and zone ("Z" or "+hh:mm") of the
+/// time read before, only the time of day is read.
+class TimeTextReader {
+ public:
+  std::optional<ISODate> read(std::string_view text);
+
+ private:
+  std::string dateAndZone_;  // "YYYY-MM-DDT" and the zone of the last plain time
+  int64_t midnight_ = 0;     // its date's start in its zone, microseconds since 1970
+  int32_t offset_ = 0;
+  bool cached_ = false;
+};
+
+/// A "trkpt" or "rtept": time, elevation, speed, the waypoint name, photos.
+class TrackPointGPXElement : public xml::SaxHandler {
+ public:
+  /// The handler shares the point: a point dropped for its position still
+  /// receives its children's events.
+  static void trackPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser);
+
+  TrackPointGPXElement() = default;
+  explicit TrackPointGPXElement(TrackPointPtr point) { reset(std::move(point)); }
+  /// Starts over for another point: the handler of a track is reused for
+  /// each of its points.
+  void reset(TrackPointPtr point);
+  /// Makes the handler, started over for the point, current.
+  void take(TrackPointPtr point, xml::SaxParser& parser) {
+    reset(std::move(point));
+    parser.pushHandler(*this);
+  }
+
+  void startElement(xml::SaxParser& parser, std::string_view name,
+                    const xml::Attributes& attributes) override;
+  void endElement(xml::SaxParser& parser, std::string_view name) override;
+  void characters(xml::SaxParser& parser, std::string_view chunk) override;
+
+ private:
+  void startPhoto(const xml::Attributes& attributes);
+
+  TrackPointPtr owned_;
+  TrackPoint* point_ = nullptr;
+  TrackPhotoPtr currentPhoto_;
+  std::string buffer_;
+  TimeTextReader times_;
+  bool parserInTime_ = false;
+  bool parserInElevation_ = false;
+  bool parserInSpeed_ = false;
+  bool parserInLength_ = false;
+  bool parserInName_ = false;
+  bool parserInPhoto_ = false;
+  bool parserInPhotoBookmark_ = false;
+};
+
 /// A "trk" or "rte": name, description, tags, display attributes, time
 /// zone, segments, and its points (each through a TrackPointGPXElement).
 class TrackGPXElement : public xml::SaxHandler {
@@ -48,40 +103,12 @@ class TrackGPXElement : public xml::SaxHandler {
 
   Track& track_;
   ReadContext& context_;
+  TrackPointGPXElement pointHandler_;  // reused for every point
   bool parserInName_ = false;
   bool parserInDescription_ = false;
   bool parserInTags_ = false;
   bool hasTimezoneOffset_ = false;
   int32_t timezoneOffset_ = 0;
-};
-
-/// A "trkpt" or "rtept": time, elevation, speed, the waypoint name, photos.
-class TrackPointGPXElement : public xml::SaxHandler {
- public:
-  /// The handler shares the point: a point dropped for its position still
-  /// receives its children's events.
-  static void trackPointGPXElementForTrackPoint(TrackPointPtr point, xml::SaxParser& parser);
-
-  explicit TrackPointGPXElement(TrackPointPtr point) : owned_(std::move(point)), point_(*owned_) {}
-  void startElement(xml::SaxParser& parser, std::string_view name,
-                    const xml::Attributes& attributes) override;
-  void endElement(xml::SaxParser& parser, std::string_view name) override;
-  void characters(xml::SaxParser& parser, std::string_view chunk) override;
-
- private:
-  void startPhoto(const xml::Attributes& attributes);
-
-  TrackPointPtr owned_;
-  TrackPoint& point_;
-  TrackPhotoPtr currentPhoto_;
-  std::string buffer_;
-  bool parserInTime_ = false;
-  bool parserInElevation_ = false;
-  bool parserInSpeed_ = false;
-  bool parserInLength_ = false;
-  bool parserInName_ = false;
-  bool parserInPhoto_ = false;
-  bool parserInPhotoBookmark_ = false;
 };
 
 /// A "wpt": position, time, the waypoint attributes and geocache blocks.

@@ -4,13 +4,12 @@
 #include "kvtrack/formats/geocache/GeocacheNames.h"
 #include "kvtrack/formats/gpx/ExternalTrackPoints.h"
 #include "kvtrack/formats/gpx/GpxNamespaces.h"
-#include "kvtrack/formats/xml/MarkupTree.h"
+#include "kvtrack/formats/gpx/TrackPointMarkup.h"
 #include "kvtrack/support/NumberText.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <type_traits>
 #include <charconv>
 #include <cmath>
 #include <mutex>
@@ -18,35 +17,17 @@
 
 namespace kvtrack::gpx {
 
-using xml::MarkupElement;
-using xml::MarkupTree;
 using xml::XmlElement;
 using xml::XmlNamespace;
 
 namespace {
 
-// decimalText in a stack buffer: a million points make several million
-// numbers, and most coordinates are too long for the small-string buffer.
-class Decimal {
- public:
-  explicit Decimal(double value) {
-    if (std::isnan(value)) {
-      text_ = "NaN";
-    } else if (std::isinf(value)) {
-      text_ = value > 0 ? "inf" : "-inf";
-    } else {
-      const auto result =
-          std::to_chars(buffer_, buffer_ + sizeof buffer_, value, std::chars_format::fixed);
-      text_ = std::string_view(buffer_, static_cast<size_t>(result.ptr - buffer_));
-    }
-  }
-  Decimal(const Decimal&) = delete;  // the view points into this object
-  operator std::string_view() const { return text_; }
-
- private:
-  char buffer_[400];  // fixed notation of the extreme doubles needs up to ~330
-  std::string_view text_;
-};
+// The writer's number forms, shared with the directly formatted points.
+std::string decimal(double value) {
+  std::string text;
+  appendDecimal(text, value);
+  return text;
+}
 
 class Integer {
  public:
@@ -64,14 +45,12 @@ class Integer {
 
 std::string_view yesNo(bool value) { return value ? "yes" : "no"; }
 
-template <typename Element>
-void addOptionalChild(Element parent, std::string_view name,
+void addOptionalChild(XmlElement parent, std::string_view name,
                       const std::optional<std::string>& text, XmlNamespace ns = {}) {
   if (text) parent.addChild(name, *text, ns);
 }
 
-template <typename Element>
-void addOptionalAttribute(Element element, std::string_view name,
+void addOptionalAttribute(XmlElement element, std::string_view name,
                           const std::optional<std::string>& value) {
   if (value) element.setAttribute(name, *value);
 }
@@ -83,45 +62,30 @@ std::string_view lastPathComponent(std::string_view path) {
   return (slash == std::string_view::npos || path.size() == 1) ? path : path.substr(slash + 1);
 }
 
-// printf "%f" into the buffer: to_chars with a precision rounds exactly as
-// printf does ("nan", "-1.000000") and parses no format string per point.
-char* appendFixed(char* out, char* end, double value) {
-  return std::to_chars(out, end, value, std::chars_format::fixed, 6).ptr;
-}
-
-char* appendLiteral(char* out, std::string_view text) {
-  return std::copy(text.begin(), text.end(), out);
-}
-
-template <typename Element>
-void appendPointDescription(Element element, const TrackPoint& point) {
+void appendPointDescription(XmlElement element, const TrackPoint& point) {
   if (const auto& description = point.description()) {
     element.addChild("desc", *description);
     return;
   }
-  // "Lat.=%f, Long.=%f, Alt.=%fm, Speed=%fKm/h"; each %f of a double fits in 330 characters.
-  char buffer[4 * 330 + 64];
-  char* const end = buffer + sizeof buffer;
-  char* out = appendLiteral(buffer, "Lat.=");
-  out = appendFixed(out, end, point.latitude());
-  out = appendLiteral(out, ", Long.=");
-  out = appendFixed(out, end, point.longitude());
-  out = appendLiteral(out, ", Alt.=");
-  out = appendFixed(out, end, point.elevation());
-  out = appendLiteral(out, "m, Speed=");
-  out = appendFixed(out, end, point.speed());
-  out = appendLiteral(out, "Km/h");
-  element.addChild("desc", std::string_view(buffer, static_cast<size_t>(out - buffer)));
+  // "Lat.=%f, Long.=%f, Alt.=%fm, Speed=%fKm/h"
+  std::string text = "Lat.=";
+  appendFixed(text, point.latitude());
+  text += ", Long.=";
+  appendFixed(text, point.longitude());
+  text += ", Alt.=";
+  appendFixed(text, point.elevation());
+  text += "m, Speed=";
+  appendFixed(text, point.speed());
+  text += "Km/h";
+  element.addChild("desc", text);
 }
 
-template <typename Element>
-void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
+void writePhoto(XmlElement parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
                 XmlNamespace wayfolio);
 
-template <typename Element>
-void appendPointExtensions(Element element, TrackPoint& point, bool external,
+void appendPointExtensions(XmlElement element, TrackPoint& point, bool external,
                            GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
-  Element extensions = element.addChild("extensions");
+  XmlElement extensions = element.addChild("extensions");
   if (!external) {
     const GeocachePtr& geocache = point.geocache();
     if (geocache) {
@@ -134,8 +98,8 @@ void appendPointExtensions(Element element, TrackPoint& point, bool external,
                        wayfolio);
     }
     // NaN compares false: points of place collections carry no speed.
-    if (point.speed() >= 0) extensions.addChild("speed", Decimal(point.speed()), wayfolio);
-    if (point.length() >= 0) extensions.addChild("length", Decimal(point.length()), wayfolio);
+    if (point.speed() >= 0) extensions.addChild("speed", decimal(point.speed()), wayfolio);
+    if (point.length() >= 0) extensions.addChild("length", decimal(point.length()), wayfolio);
     if (const auto& tags = point.tags(); tags && !tags->empty()) {
       extensions.addChild("tags", *tags, wayfolio);
     }
@@ -191,8 +155,7 @@ bool inRoute(const TrackPoint& point) {
 }
 
 // The content of a "wpt", "trkpt" or "rtept" element made by the caller.
-template <typename Element>
-void writePoint(Element element, TrackPoint& point, bool waypointsOnly,
+void writePoint(XmlElement element, TrackPoint& point, bool waypointsOnly,
                 GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
   const bool route = inRoute(point);
   const bool external = configuration.exportTrackPointsInExternalFile().has_value();
@@ -200,30 +163,28 @@ void writePoint(Element element, TrackPoint& point, bool waypointsOnly,
     element.setAttribute("index", Integer(configuration.indexOfTrackPointInExternalFile()));
   }
   if (!external) {
-    element.setAttribute("lat", Decimal(point.latitude()));
-    element.setAttribute("lon", Decimal(point.longitude()));
-    element.addChild("ele", Decimal(point.elevation()));
+    element.setAttribute("lat", decimal(point.latitude()));
+    element.setAttribute("lon", decimal(point.longitude()));
+    element.addChild("ele", decimal(point.elevation()));
     if (!route && point.hasTime()) element.addChild("time", point.time()->description());
     addOptionalChild(element, "name", point.name());
     addOptionalChild(element, "cmt", point.comment());
     appendPointDescription(element, point);
   }
-  if constexpr (std::is_same_v<Element, XmlElement>) {
-    if (waypointsOnly) {
-      addOptionalChild(element, "src", point.source());
-      addOptionalChild(element, "url", point.url());
-      addOptionalChild(element, "urlname", point.urlName());
-      addOptionalChild(element, "sym", point.symbol());
-      addOptionalChild(element, "type", point.type());
-      if (point.geocache()) {
-        if (configuration.exportGeocachingAuExtensions()) {
-          GeocacheGPX::appendPlainBlock(
-              element, point, configuration.exportGeocachingDescriptionAndLogsInExternalFolder());
-        }
-        if (configuration.exportGroundspeakExtensions()) {
-          GeocacheGPX::appendGroundspeakBlock(
-              element, point, configuration.exportGeocachingDescriptionAsPlainText());
-        }
+  if (waypointsOnly) {
+    addOptionalChild(element, "src", point.source());
+    addOptionalChild(element, "url", point.url());
+    addOptionalChild(element, "urlname", point.urlName());
+    addOptionalChild(element, "sym", point.symbol());
+    addOptionalChild(element, "type", point.type());
+    if (point.geocache()) {
+      if (configuration.exportGeocachingAuExtensions()) {
+        GeocacheGPX::appendPlainBlock(
+            element, point, configuration.exportGeocachingDescriptionAndLogsInExternalFolder());
+      }
+      if (configuration.exportGroundspeakExtensions()) {
+        GeocacheGPX::appendGroundspeakBlock(
+            element, point, configuration.exportGeocachingDescriptionAsPlainText());
       }
     }
   }
@@ -232,12 +193,11 @@ void writePoint(Element element, TrackPoint& point, bool waypointsOnly,
   }
 }
 
-template <typename Element>
-void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
+void writePhoto(XmlElement parent, TrackPhoto& photo, GpxExportConfiguration& configuration,
                 XmlNamespace wayfolio) {
   if (configuration.exportiPhonePhotosOnly() && !photo.iPhoneFilename()) return;
   const bool external = configuration.exportTrackPointsInExternalFile().has_value();
-  Element element = parent.addChild("photo", wayfolio);
+  XmlElement element = parent.addChild("photo", wayfolio);
   if (const std::string& path = photo.originalFilepath(); !path.empty()) {
     if (!external) {
       element.setAttribute("filename", path);
@@ -270,44 +230,60 @@ void writePhoto(Element parent, TrackPhoto& photo, GpxExportConfiguration& confi
 }
 
 
-// The points of a track's segments. In the usual case each point is
-// formatted as markup and added to its "trkseg" in one piece.
-void writeSegments(XmlElement track, const std::vector<TrackPointPtr>& points,
-                   GpxExportConfiguration& configuration, XmlNamespace wayfolio) {
-  XmlElement segment = track.addChild("trkseg");
-  const bool preformatted = configuration.preformattedTrackPoints();
-  const int pointDepth = segment.depth() + 1;
-  MarkupTree markup;
-  std::string text;
-  bool pending = false;  // markup added to the open segment
-  const auto closeMarkup = [&] {
-    if (!pending) return;
-    text.assign("\n");
-    text.append(static_cast<size_t>(2 * (pointDepth - 1)), ' ');
-    segment.addPreformattedMarkup(text);
-    pending = false;
-  };
-  for (size_t i = 0; i < points.size(); ++i) {
-    TrackPoint& point = *points[i];
-    if (isWritten(point, false, configuration)) {
-      if (preformatted) {
-        text.assign("\n");
-        text.append(static_cast<size_t>(2 * pointDepth), ' ');
-        writePoint(markup.reset("trkpt"), point, false, configuration, wayfolio);
-        markup.format(text, pointDepth);
-        segment.addPreformattedMarkup(text);
-        pending = true;
-      } else {
-        writePoint(segment.addChild("trkpt"), point, false, configuration, wayfolio);
+using PointList = std::vector<TrackPointPtr>;
+
+// One "trkseg" whose points are formatted while the document is saved, in
+// pieces of about a megabyte, under the track's lock (taken again then, so
+// that no two tracks are ever locked together). `accepted` (when filtering)
+// says which points pass the filter.
+void addSegment(XmlElement element, Track& track, const std::shared_ptr<const PointList>& points,
+                size_t begin, size_t end, const std::shared_ptr<std::vector<bool>>& accepted,
+                GpxExportConfiguration& configuration) {
+  XmlElement segment = element.addChild("trkseg");
+  bool any = !accepted && begin < end;
+  for (size_t i = begin; !any && i < end; ++i) any = (*accepted)[i];
+  if (!any) return;  // an empty segment: "<trkseg/>"
+  const int depth = segment.depth() + 1;
+  Track* const owner = &track;  // outlives the document: exports save before they return
+  segment.addDeferredMarkup([=, &configuration](const xml::MarkupSink& sink) {
+    constexpr size_t kPiece = 1 << 20;
+    std::lock_guard<Track> lock(*owner);
+    TrackPointMarkup markup(configuration, depth);
+    std::string text;
+    text.reserve(kPiece + 4096);
+    for (size_t i = begin; i < end; ++i) {
+      if (accepted && !(*accepted)[i]) continue;
+      markup.append(text, *(*points)[i]);
+      if (text.size() >= kPiece) {
+        sink(text);
+        text.clear();
       }
     }
+    text += '\n';
+    text.append(static_cast<size_t>(2 * (depth - 1)), ' ');
+    sink(text);
+  });
+}
+
+// The points of a track's segments; a point's end flag closes its segment.
+// The list is copied, so that the track need not stay locked until saved.
+void writeSegments(XmlElement element, Track& track, const PointList& list,
+                   GpxExportConfiguration& configuration) {
+  const auto points = std::make_shared<const PointList>(list);
+  std::shared_ptr<std::vector<bool>> accepted;
+  if (configuration.filterPredicate()) {
+    accepted = std::make_shared<std::vector<bool>>(list.size());
+    for (size_t i = 0; i < list.size(); ++i) (*accepted)[i] = isWritten(*list[i], false, configuration);
+  }
+  size_t begin = 0;
+  for (size_t i = 0; i < list.size(); ++i) {
     // The end flag of the last point must not leave an empty segment behind.
-    if (point.isEndOfSegment() && i + 1 < points.size()) {
-      closeMarkup();
-      segment = track.addChild("trkseg");
+    if (list[i]->isEndOfSegment() && i + 1 < list.size()) {
+      addSegment(element, track, points, begin, i + 1, accepted, configuration);
+      begin = i + 1;
     }
   }
-  closeMarkup();
+  addSegment(element, track, points, begin, list.size(), accepted, configuration);
 }
 
 }  // namespace
@@ -359,7 +335,7 @@ void createGPXForParent(XmlElement parent, Track& track, bool waypointsOnly,
   }
 
   if (!route) {
-    writeSegments(element, *points, configuration, wayfolio);
+    writeSegments(element, track, *points, configuration);
     return;
   }
   for (const TrackPointPtr& point : points) {

@@ -90,7 +90,7 @@ void TrackGPXElement::startPoint(xml::SaxParser& parser, std::string_view name,
     const int32_t i = parseIntValue(*index);
     const auto points = track_.trackPoints();
     if (i >= 0 && static_cast<size_t>(i) < points.size()) {
-      TrackPointGPXElement::trackPointGPXElementForTrackPoint(points[static_cast<size_t>(i)], parser);
+      pointHandler_.take(points[static_cast<size_t>(i)], parser);
     }
     return;
   }
@@ -98,7 +98,7 @@ void TrackGPXElement::startPoint(xml::SaxParser& parser, std::string_view name,
   if (name == "rtept") point->setIsWayPoint(true);
   // The handler still reads a skipped point's children, so they do not
   // land on the track.
-  TrackPointGPXElement::trackPointGPXElementForTrackPoint(point, parser);
+  pointHandler_.take(point, parser);
   const auto position = readPosition(attributes);
   if (!position) {
     ++context_.invalidPositions;

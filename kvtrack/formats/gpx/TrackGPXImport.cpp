@@ -5,6 +5,13 @@
 #include "kvtrack/support/Log.h"
 #include "kvtrack/support/NumberText.h"
 
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <filesystem>
+#include <unordered_map>
+#include <utility>
+
 namespace kvtrack {
 
 namespace {
@@ -47,22 +54,79 @@ class TrackGPXRoot : public xml::SaxHandler {
   gpx::ReadContext& context_;
 };
 
+// For each waypoint, the first point at exactly its position (both
+// coordinates non-zero), found in one walk over the points instead of one
+// per waypoint; null where there is none.
+std::vector<TrackPointPtr> pointsAtWayPoints(const std::vector<TrackPointPtr>& points,
+                                             const std::vector<TrackPointPtr>& wayPoints) {
+  const auto key = [](double latitude, double longitude) {
+    return std::pair(std::bit_cast<uint64_t>(latitude), std::bit_cast<uint64_t>(longitude));
+  };
+  struct PairHash {
+    size_t operator()(const std::pair<uint64_t, uint64_t>& k) const {
+      return std::hash<uint64_t>()(k.first * 0x9e3779b97f4a7c15ULL ^ k.second);
+    }
+  };
+  std::unordered_map<std::pair<uint64_t, uint64_t>, std::vector<size_t>, PairHash> wanted;
+  for (size_t k = 0; k < wayPoints.size(); ++k) {
+    const TrackPoint& w = *wayPoints[k];
+    // Zero stands for no position; NaN equals nothing.
+    if (w.latitude() == 0.0 || w.longitude() == 0.0 || std::isnan(w.latitude()) ||
+        std::isnan(w.longitude())) {
+      continue;
+    }
+    wanted[key(w.latitude(), w.longitude())].push_back(k);
+  }
+  std::vector<TrackPointPtr> found(wayPoints.size());
+  for (const TrackPointPtr& point : points) {
+    if (wanted.empty()) break;
+    const auto it = wanted.find(key(point->latitude(), point->longitude()));
+    if (it == wanted.end()) continue;
+    for (const size_t k : it->second) found[k] = point;
+    wanted.erase(it);
+  }
+  return found;
+}
+
 // Waypoints find their track point by position, else by time; unmatched
 // ones are dropped. A track without points takes them as they are.
 void mergeWayPoints(Track& track, const std::vector<TrackPointPtr>& wayPoints) {
-  if (track.trackPoints().empty()) {
+  const auto points = track.trackPoints();
+  if (points.empty()) {
     for (const auto& wayPoint : wayPoints) {
       wayPoint->setIsWayPoint(true);
       track.addTrackPoint(wayPoint);
     }
     return;
   }
-  for (const auto& wayPoint : wayPoints) {
-    const TrackPointPtr match = track.findTrackPointForWayPoint(*wayPoint);
+  const std::vector<TrackPointPtr> atPosition = pointsAtWayPoints(*points, wayPoints);
+  // A point found by time takes the waypoint's position; positions found
+  // before may then be out of date, and the track is searched afresh.
+  bool moved = false;
+  for (size_t k = 0; k < wayPoints.size(); ++k) {
+    const TrackPoint& wayPoint = *wayPoints[k];
+    TrackPointPtr match = moved ? track.findTrackPointForWayPoint(wayPoint) : atPosition[k];
+    if (!match && !moved) match = track.findTrackPointWithDate(wayPoint.time());
     if (!match) continue;
+    moved = moved || match->latitude() != wayPoint.latitude() ||
+            match->longitude() != wayPoint.longitude();
     match->setIsWayPoint(true);
-    match->copyWaypointAttributesFrom(*wayPoint);
+    match->copyWaypointAttributesFrom(wayPoint);
   }
+}
+
+// Room for the points a file of this size likely holds (a plain "trkpt"
+// with elevation and time takes about 100 bytes), so that the list does not
+// grow by copying itself over and over while a long track is read.
+void reserveForFile(Track& track, const std::string& path) {
+  track.loadFromLibrary();  // what adding the first point would do anyway
+  if (track.loadedPointCount() != 0) return;
+  std::error_code error;
+  const auto bytes = std::filesystem::file_size(path, error);
+  if (error) return;
+  std::vector<TrackPointPtr> points;
+  points.reserve(static_cast<size_t>(std::min<std::uintmax_t>(bytes / 100, 50'000'000)));
+  track.setTrackPoints(std::move(points));
 }
 
 }  // namespace
@@ -77,6 +141,7 @@ Status TrackGPX::importFrom(const std::string& path) {
   importFilename_ = path;
   gpx::ReadContext context{path, 0};
   TrackGPXRoot root(*track_, context);
+  reserveForFile(*track_, path);
   xml::SaxParser parser;
   const bool ok = parser.parseFile(path, root);
   if (!ok && parser.error() && parser.error()->code == -1) {

@@ -46,7 +46,11 @@ struct SaxParser::Context {
   SaxParser* owner = nullptr;
   xmlParserCtxtPtr parser = nullptr;
   SaxHandler* root = nullptr;
-  std::vector<std::unique_ptr<SaxHandler>> chain;    // handlers above the root
+  struct Link {
+    SaxHandler* handler;
+    std::unique_ptr<SaxHandler> owned;  // null for a handler its creator keeps
+  };
+  std::vector<Link> chain;                           // handlers above the root
   std::vector<std::unique_ptr<SaxHandler>> retired;  // handed back during the current event
   std::string text;                                  // characters since the last tag
   std::vector<Attribute> attributes;
@@ -54,13 +58,13 @@ struct SaxParser::Context {
   std::string elementName;
   bool failed = false;
 
-  SaxHandler& current() { return chain.empty() ? *root : *chain.back(); }
+  SaxHandler& current() { return chain.empty() ? *root : *chain.back().handler; }
 
+  // The buffer keeps its capacity: one text per element costs no allocation.
   void flushText() {
     if (text.empty()) return;
-    std::string chunk;
-    chunk.swap(text);
-    current().characters(*owner, chunk);
+    current().characters(*owner, text);
+    text.clear();
   }
 
   void fail(const ParseError& error) {
@@ -152,7 +156,7 @@ struct SaxParser::Context {
     try {
       // From the current handler down to the root, until one reports it.
       for (auto it = c.chain.rbegin(); it != c.chain.rend(); ++it) {
-        if ((*it)->parseError(*c.owner, parseError)) return;
+        if (it->handler->parseError(*c.owner, parseError)) return;
       }
       c.root->parseError(*c.owner, parseError);
     } catch (...) {
@@ -185,19 +189,22 @@ SaxParser::SaxParser() : context_(std::make_unique<Context>()) {
 SaxParser::~SaxParser() = default;
 
 void SaxParser::pushHandler(std::unique_ptr<SaxHandler> handler) {
-  context_->chain.push_back(std::move(handler));
+  SaxHandler* raw = handler.get();
+  context_->chain.push_back({raw, std::move(handler)});
 }
+
+void SaxParser::pushHandler(SaxHandler& handler) { context_->chain.push_back({&handler, nullptr}); }
 
 void SaxParser::handBack() {
   if (context_->chain.empty()) return;  // the root has no parent to hand to
-  context_->retired.push_back(std::move(context_->chain.back()));
+  if (context_->chain.back().owned) context_->retired.push_back(std::move(context_->chain.back().owned));
   context_->chain.pop_back();
 }
 
 SaxHandler* SaxParser::parentHandler() const {
   const auto& chain = context_->chain;
   if (chain.empty()) return nullptr;
-  return chain.size() == 1 ? context_->root : chain[chain.size() - 2].get();
+  return chain.size() == 1 ? context_->root : chain[chain.size() - 2].handler;
 }
 
 void SaxParser::stop() {

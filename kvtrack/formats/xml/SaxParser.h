@@ -82,6 +82,9 @@ class SaxParser {
 
   /// Makes the handler current; its parent is the handler current before.
   void pushHandler(std::unique_ptr<SaxHandler> handler);
+  /// The same for a handler the caller keeps alive until it has handed
+  /// back (one handler reused for every element of a long list).
+  void pushHandler(SaxHandler& handler);
   /// The current handler gives the events back to its parent. The handler
   /// is destroyed after the event that called this has returned.
   void handBack();

@@ -49,13 +49,16 @@ void XmlElement::addText(std::string_view text) {
   xmlAddChild(node_, t);
 }
 
-void XmlElement::addPreformattedMarkup(std::string_view markup) {
-  if (markup.empty()) return;
-  xmlNode* t = xmlNewDocTextLen(node_->doc, reinterpret_cast<const xmlChar*>(markup.data()),
-                                static_cast<int>(markup.size()));
+void XmlElement::addDeferredMarkup(MarkupWriter writer) {
+  auto& writers = *static_cast<std::vector<MarkupWriter>*>(node_->doc->_private);
+  // The place is marked by "\x01<index>\x02", bytes no text of the
+  // document can hold (writers drop them), in a text node saved unescaped.
+  const std::string marker = "\x01" + std::to_string(writers.size()) + "\x02";
+  writers.push_back(std::move(writer));
+  xmlNode* t = xmlNewDocTextLen(node_->doc, reinterpret_cast<const xmlChar*>(marker.data()),
+                                static_cast<int>(marker.size()));
   t->name = xmlStringTextNoenc;  // libxml2's marker for text written without escaping
-  // Linked by hand: xmlAddChild would merge it into a preceding text node,
-  // reallocating an ever longer text for every piece added.
+  // Linked by hand: xmlAddChild would merge it into a preceding text node.
   t->parent = node_;
   if (!node_->children) {
     node_->children = t;
@@ -79,8 +82,10 @@ int XmlElement::depth() const {
   return depth;
 }
 
-XmlDocument::XmlDocument(std::string_view rootName) : doc_(xmlNewDoc(BAD_CAST "1.0")) {
+XmlDocument::XmlDocument(std::string_view rootName)
+    : doc_(xmlNewDoc(BAD_CAST "1.0")), deferred_(std::make_unique<std::vector<MarkupWriter>>()) {
   doc_->dict = xmlDictCreate();
+  doc_->_private = deferred_.get();
   const std::string name(rootName);
   xmlNode* root = xmlNewDocNode(doc_, nullptr, chars(name), nullptr);
   xmlDocSetRootElement(doc_, root);
@@ -92,12 +97,49 @@ XmlElement XmlDocument::root() const { return XmlElement(xmlDocGetRootElement(do
 
 namespace {
 
-// libxml2 hands the serialised bytes here; they go to the file through the
-// system-call seam like every other file the library writes.
-int writeToOutputFile(void* context, const char* bytes, int length) {
-  auto* file = static_cast<OutputFile*>(context);
-  file->write(std::string_view(bytes, static_cast<size_t>(length)));
-  return file->status() ? length : -1;
+// libxml2's output with every deferred place replaced by its writer's markup.
+class MarkedOutput {
+ public:
+  MarkedOutput(const MarkupSink& sink, const std::vector<MarkupWriter>& writers)
+      : sink_(sink), writers_(writers) {}
+
+  void write(std::string_view bytes) {
+    while (!bytes.empty()) {
+      if (!inMarker_) {
+        const size_t start = bytes.find('\x01');
+        if (start != 0) sink_(bytes.substr(0, start));
+        if (start == std::string_view::npos) return;
+        bytes.remove_prefix(start + 1);
+        inMarker_ = true;
+        index_ = 0;
+        continue;
+      }
+      const char c = bytes.front();
+      bytes.remove_prefix(1);
+      if (c != '\x02') {
+        index_ = index_ * 10 + static_cast<size_t>(c - '0');
+        continue;
+      }
+      inMarker_ = false;
+      if (index_ < writers_.size()) writers_[index_](sink_);
+    }
+  }
+
+ private:
+  const MarkupSink& sink_;
+  const std::vector<MarkupWriter>& writers_;
+  bool inMarker_ = false;  // the marker may arrive split over two pieces
+  size_t index_ = 0;
+};
+
+// libxml2 hands the serialised bytes here.
+int writeMarked(void* context, const char* bytes, int length) {
+  try {
+    static_cast<MarkedOutput*>(context)->write(std::string_view(bytes, static_cast<size_t>(length)));
+    return length;
+  } catch (...) {
+    return -1;  // out of memory: the save fails
+  }
 }
 
 int keepOpen(void*) { return 0; }
@@ -107,15 +149,26 @@ void ignoreGenericError(void*, const char*, ...) {}
 
 }  // namespace
 
-Status XmlDocument::writeTo(OutputFile& file, const std::string& encoding) const {
+bool XmlDocument::serialise(const MarkupSink& sink, const std::string& encoding,
+                            bool& badEncoding) const {
   xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
-  xmlSaveCtxtPtr context = xmlSaveToIO(writeToOutputFile, keepOpen, &file, encoding.c_str(),
-                                       XML_SAVE_FORMAT);
-  if (!context) return Status::failure("cannot write " + file.path() + ": unknown encoding " + encoding);
+  MarkedOutput output(sink, *deferred_);
+  xmlSaveCtxtPtr context =
+      xmlSaveToIO(writeMarked, keepOpen, &output, encoding.c_str(), XML_SAVE_FORMAT);
+  badEncoding = !context;
+  if (!context) return false;
   const long written = xmlSaveDoc(context, doc_);
   const int closed = xmlSaveClose(context);
+  return written >= 0 && closed >= 0;
+}
+
+Status XmlDocument::writeTo(OutputFile& file, const std::string& encoding) const {
+  bool badEncoding = false;
+  const bool saved = serialise([&file](std::string_view bytes) { file.write(bytes); }, encoding,
+                               badEncoding);
+  if (badEncoding) return Status::failure("cannot write " + file.path() + ": unknown encoding " + encoding);
   if (!file.status()) return file.status();
-  if (written < 0 || closed < 0) return Status::failure("cannot write " + file.path());
+  if (!saved) return Status::failure("cannot write " + file.path());
   return {};
 }
 
@@ -124,11 +177,9 @@ Status XmlDocument::save(const std::string& path, const std::string& encoding) c
 }
 
 std::string XmlDocument::text(const std::string& encoding) const {
-  xmlChar* buffer = nullptr;
-  int size = 0;
-  xmlDocDumpFormatMemoryEnc(doc_, &buffer, &size, encoding.c_str(), 1);
-  std::string result(reinterpret_cast<const char*>(buffer), static_cast<size_t>(size));
-  xmlFree(buffer);
+  std::string result;
+  bool badEncoding = false;
+  serialise([&result](std::string_view bytes) { result.append(bytes); }, encoding, badEncoding);
   return result;
 }
 

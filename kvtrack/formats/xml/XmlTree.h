@@ -1,21 +1,30 @@
 #pragma once
 // Building an XML element tree with libxml2 and saving it once,
 // pretty-printed. Element and attribute names are interned in the
-// document's dictionary, so long documents (a million track points) do not
-// pay one allocation per name. Elements are appended to their parent when
-// made, in the order made.
+// document's dictionary. Elements are appended to their parent when made,
+// in the order made. Long runs of similar elements (the points of a track
+// segment) can instead be formatted by the caller while the document is
+// saved, straight into the output (addDeferredMarkup).
 
 #include "kvtrack/support/OutputFile.h"
 #include "kvtrack/support/Status.h"
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 typedef struct _xmlDoc xmlDoc;
 typedef struct _xmlNode xmlNode;
 typedef struct _xmlNs xmlNs;
 
 namespace kvtrack::xml {
+
+/// Receives serialised text, piece by piece, in document order.
+using MarkupSink = std::function<void(std::string_view)>;
+/// Writes markup into the sink while the document is saved.
+using MarkupWriter = std::function<void(const MarkupSink&)>;
 
 /// A namespace declared on some element of the document (prefix and URI).
 class XmlNamespace {
@@ -40,10 +49,11 @@ class XmlElement {
   /// Attributes keep the order in which they are set.
   void setAttribute(std::string_view name, std::string_view value);
   void addText(std::string_view text);
-  /// Adds markup that is written out exactly as given, unescaped. The
-  /// element's children are then no longer indented by the save, so the
-  /// markup must bring its own line breaks and indentation.
-  void addPreformattedMarkup(std::string_view markup);
+  /// Adds markup that the writer produces each time the document is saved,
+  /// written out exactly as given, unescaped. The element's children are
+  /// then no longer indented by the save, so the markup must bring its own
+  /// line breaks and indentation. The writer may not throw.
+  void addDeferredMarkup(MarkupWriter writer);
   /// Declares a namespace on this element: xmlns:prefix="uri" (or the
   /// default namespace for an empty prefix).
   XmlNamespace declareNamespace(std::string_view prefix, std::string_view uri);
@@ -77,7 +87,11 @@ class XmlDocument {
   std::string text(const std::string& encoding) const;
 
  private:
+  /// Serialises into the sink; false when libxml2 or the sink failed.
+  bool serialise(const MarkupSink& sink, const std::string& encoding, bool& badEncoding) const;
+
   xmlDoc* doc_;
+  std::unique_ptr<std::vector<MarkupWriter>> deferred_;  // reached through doc_->_private
 };
 
 }  // namespace kvtrack::xml
