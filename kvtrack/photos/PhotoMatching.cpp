@@ -4,11 +4,9 @@
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 
-#include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <mutex>
-#include <thread>
 
 namespace kvtrack {
 
@@ -25,24 +23,23 @@ bool fileExists(const std::string& path) {
 
 // The reads of one matching run. A file's tags serve its capture time in
 // every zone and its place names, so each file is read once (the files do
-// not change during the run), and a batch is read ahead in parallel:
-// exiftool's round trip, not our work, is what a photo costs.
+// not change during the run), and a batch is read ahead all at once:
+// exiftool's round trips, not our work, are what a photo costs.
 class PhotoReader {
  public:
   void prefetch(const std::vector<std::string>& files) {
-    if (files.size() < 2) return;
-    const size_t workers =
-        std::min<size_t>(files.size(), std::max(1u, std::thread::hardware_concurrency()));
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> threads;
-    for (size_t w = 0; w < workers; ++w) {
-      threads.emplace_back([&] {
-        for (size_t i; (i = next.fetch_add(1)) < files.size();) {
-          if (fileExists(files[i])) tags(files[i]);  // a missing file is skipped later
-        }
-      });
+    std::vector<std::string> wanted;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& path : files) {
+        // A missing file is skipped later.
+        if (!cache_.contains(path) && fileExists(path)) wanted.push_back(path);
+      }
     }
-    for (auto& thread : threads) thread.join();
+    if (wanted.size() < 2) return;
+    std::vector<std::optional<ExifTool::Tags>> read = ExifTool::exifTagsForFiles(wanted);
+    std::lock_guard lock(mutex_);
+    for (size_t i = 0; i < wanted.size(); ++i) cache_.try_emplace(wanted[i], std::move(read[i]));
   }
 
   /// As ExifTool::isoDateForFile with force on.
