@@ -22,3 +22,11 @@ build/default/bench/bg728_bench
 echo
 echo "== track views of 10,000 and 100,000 points: build against GPX writing, then Chromium"
 build/default/bench/view_bench
+echo
+echo "== geotag 300 photos library-wide, GPS written: wayfolio (now) against exiftool -geotag (peer), one run each"
+echo "| case                                         |      now |     peer | ratio | target   |"
+echo "|----------------------------------------------|----------|----------|-------|----------|"
+export WAYFOLIO=$PWD/build/default/tools/wayfolio/wayfolio
+bench/geotag.sh 300 --row "300 small photos" | grep '^|'
+bench/geotag.sh 300 --big --row "300 photos of 4000x3000" | grep '^|'
+bench/geotag.sh 300 --points 100000 --row "300 small photos, 100,000-point track" | grep '^|'

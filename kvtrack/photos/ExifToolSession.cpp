@@ -128,20 +128,19 @@ class Exchange {
     if (n > 0) written += static_cast<size_t>(n);
     return n >= 0 || errno == EAGAIN || errno == EINTR;  // EPIPE: exiftool is gone
   }
-  // Where a marker starts a line of the text, from position on; npos if not.
-  static size_t lineStarting(const std::string& text, const std::string& marker, size_t from = 0) {
-    for (size_t at = text.find(marker, from); at != std::string::npos; at = text.find(marker, at + 1)) {
+  // Where the marker starts a line of the text; else (output that does not
+  // end its last line, as with -b) where it stands anywhere; npos if not.
+  static size_t markerIn(const std::string& text, const std::string& marker) {
+    for (size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at + 1)) {
       if (at == 0 || text[at - 1] == '\n') return at;
     }
-    return std::string::npos;
+    return text.find(marker);
   }
   bool readOutput(const UniqueFd& output) {
     if (!readAvailable(output, output_)) return false;
     while (outputs_ < ids_.size()) {
       const std::string marker = fmt::format("{{ready{}}}\n", ids_[outputs_]);
-      size_t at = lineStarting(output_, marker);
-      // Output that does not end its last line (-b) puts the marker at the end.
-      if (at == std::string::npos && output_.ends_with(marker)) at = output_.size() - marker.size();
+      const size_t at = markerIn(output_, marker);
       if (at == std::string::npos) break;
       results_[outputs_++].output = output_.substr(0, at);
       output_.erase(0, at + marker.size());
@@ -152,7 +151,7 @@ class Exchange {
     if (!readAvailable(errors, errors_)) return false;
     while (statuses_ < ids_.size()) {
       const std::string marker = fmt::format("{{ready{}:", ids_[statuses_]);
-      const size_t at = lineStarting(errors_, marker);
+      const size_t at = markerIn(errors_, marker);
       const size_t end = at == std::string::npos ? at : errors_.find("}\n", at);
       if (end == std::string::npos) break;
       ExifToolResult& result = results_[statuses_++];

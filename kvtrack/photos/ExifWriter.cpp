@@ -171,9 +171,28 @@ std::string argumentsFor(TrackPhoto& photo, bool GPSLocation, bool locationInfor
                      p[0], p[1], p[2], p[3], p[4], p[5], timeStampBlock(photo, timeStamps));
 }
 
-// Batches write through copies of their own, "exiftool-<n>.img" beside the
-// single fixed one, numbered across the process so batches never share one.
+// Batches write through copies of their own, numbered across the process
+// so that batches never share one.
 std::atomic<unsigned long> nextBatchCopy{1};
+
+// exiftool's copy written beside the photo (the link's target) takes the
+// photo's place by a rename, as exiftool's own -overwrite_original does:
+// no second copy of the bytes.
+bool moveOver(const std::string& copy, const std::string& file, mode_t mode) {
+  const std::string target = FileHandling::resolveAlias(file);
+  struct stat info {};
+  if (::lstat(copy.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;  // not a link
+  return ::chmod(copy.c_str(), mode & 07777) == 0 && ::rename(copy.c_str(), target.c_str()) == 0;
+}
+
+// A name beside the photo's target that nothing has yet. exiftool -o
+// refuses a name that exists, so nobody can point it elsewhere; the dot
+// keeps it out of folder walks.
+std::string copyBeside(const std::string& file) {
+  const fs::path target(FileHandling::resolveAlias(file));
+  return (target.parent_path() / fmt::format(".wayfolio-exif-{}-{}.img", ::getpid(), nextBatchCopy++))
+      .string();
+}
 
 }  // namespace
 
@@ -216,21 +235,24 @@ bool ExifWriter::writeThroughCopy(const std::string& arguments, const std::strin
   if (!dryRun_) fs::remove(temporary, ignored);  // exiftool -o never overwrites
   const int status = run(copyCommand(arguments, file, temporary));
   if (dryRun_) return true;
-  return replaceFromCopy(status, temporary, file, restoreTimes);
+  return replaceFromCopy(status, temporary, file, restoreTimes, false);
 }
 
 bool ExifWriter::replaceFromCopy(int status, const std::string& temporary, const std::string& file,
-                                 bool restoreTimes) {
+                                 bool restoreTimes, bool beside) {
   std::error_code ignored;
-  const auto bytes = status == 0 ? readFile(temporary) : std::nullopt;
-  if (!bytes) {  // exiftool could not write it: the photo stays as it was
-    fs::remove(temporary, ignored);
+  std::optional<std::string> bytes;
+  if (status == 0) bytes = beside ? std::optional<std::string>("") : readFile(temporary);
+  if (!bytes || (beside && !fs::exists(temporary, ignored))) {
+    fs::remove(temporary, ignored);  // exiftool could not write it: the photo stays as it was
     ++failed_;
     return false;
   }
   struct stat before {};
   const bool haveAttributes = ::stat(file.c_str(), &before) == 0;
-  const bool replaced = haveAttributes && replaceAtomically(file, *bytes, before.st_mode);
+  const bool replaced =
+      haveAttributes && (beside ? moveOver(temporary, file, before.st_mode)
+                                : replaceAtomically(file, *bytes, before.st_mode));
   fs::remove(temporary, ignored);  // photo data do not linger in the temporary folder
   if (!replaced) {
     logf("Error writing file {}", file);
@@ -321,14 +343,13 @@ std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<
   };
   std::vector<Copy> copies;
   std::vector<std::string> commands, failedPaths;
-  const std::string folder = fs::path(temporaryFile()).parent_path().string();
   for (const PhotoAtPosition& entry : photos) {
     TrackPhoto& photo = *entry.photo;
     TrackPhotos::startAccessingSecurityScopedResource(photo);
     std::string file = TrackPhotos::filepath(photo);
     std::error_code error;
     // Side files, other renditions and dry runs take the one-photo path.
-    if (dryRun_ || folder.empty() || file.empty() || !fs::exists(file, error) ||
+    if (dryRun_ || file.empty() || !fs::exists(file, error) ||
         !ExifTool::canWriteToFile(file) || TrackPhotos::iPhotoOtherFilepath(photo)) {
       const size_t failedBefore = failed_;
       updateExifForGPSLocation(photo, GPSLocation, locationInformation, addKeywords, timeStamps, file,
@@ -336,8 +357,7 @@ std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<
       if (failed_ > failedBefore) failedPaths.push_back(photo.originalFilepath());
       continue;
     }
-    std::string temporary = fmt::format("{}/exiftool-{}.img", folder, nextBatchCopy++);
-    fs::remove(temporary, error);  // exiftool -o never overwrites
+    std::string temporary = copyBeside(file);
     commands.push_back(copyCommand(argumentsFor(photo, GPSLocation, locationInformation, addKeywords,
                                                 timeStamps, entry.latitude, entry.longitude,
                                                 entry.elevation),
@@ -348,7 +368,7 @@ std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<
   std::vector<std::string> reports;  // "1 image files created": not for our caller's output
   const std::vector<int> statuses = ExifTool::executeBatch(commands, &reports);
   for (size_t i = 0; i < copies.size(); ++i) {
-    if (!replaceFromCopy(statuses[i], copies[i].temporary, copies[i].file, true)) {
+    if (!replaceFromCopy(statuses[i], copies[i].temporary, copies[i].file, true, true)) {
       failedPaths.push_back(copies[i].entry->photo->originalFilepath());
     }
   }

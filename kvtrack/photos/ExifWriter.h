@@ -65,9 +65,12 @@ class ExifWriter {
                                 double elevation);
   /// Each photo as the explicit-position entry would write it, with
   /// exiftool's work for many photos handed over at once (spread over the
-  /// persistent sessions). Each written photo gets a temporary copy of its
-  /// own, so one that exiftool cannot write stays untouched while the others
-  /// are written. Returns the original paths of the photos not written.
+  /// persistent sessions). exiftool writes each photo's new version beside
+  /// it under a hidden name of its own, which is then renamed over the
+  /// photo, so one that exiftool cannot write stays untouched while the
+  /// others are written. Side files, other iPhoto renditions and dry runs
+  /// go one photo at a time. Returns the original paths of the photos not
+  /// written.
   std::vector<std::string> updateExifForGPSLocation(const std::vector<PhotoAtPosition>& photos,
                                                     bool GPSLocation, bool locationInformation,
                                                     bool addKeywords, bool timeStamps);
@@ -94,10 +97,11 @@ class ExifWriter {
                         bool restoreTimes);
   static std::string copyCommand(const std::string& arguments, const std::string& file,
                                  const std::string& temporary);
-  /// Puts exiftool's copy over the file when exiftool succeeded; counts and
-  /// logs the outcome and removes the copy.
+  /// Puts exiftool's copy over the file when exiftool succeeded (its bytes,
+  /// or the copy itself when it lies beside the file); counts and logs the
+  /// outcome and removes the copy.
   bool replaceFromCopy(int status, const std::string& temporary, const std::string& file,
-                       bool restoreTimes);
+                       bool restoreTimes, bool beside);
 
   bool dryRun_;
   std::vector<std::string> commandLines_;
