@@ -4,6 +4,7 @@
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <mutex>
@@ -85,8 +86,11 @@ int32_t offsetOf(const TrackPointPtr& point) {
   return time ? time->timezoneOffset() : 0;
 }
 
+// update false: the caller updates the track once it has matched them all
+// (statistics over a long track cost more than matching one photo).
 int32_t importPhotosWith(Track& track, const std::vector<std::string>& files,
-                         int32_t maxTimeDiff, FoundPhotos* found, PhotoReader& reader) {
+                         int32_t maxTimeDiff, FoundPhotos* found, PhotoReader& reader,
+                         bool update = true) {
   std::lock_guard<Track> lock(track);
   const TrackPointPtr first = track.firstPoint();
   if (!first) return 0;
@@ -114,7 +118,7 @@ int32_t importPhotosWith(Track& track, const std::vector<std::string>& files,
   }
   if (count > 0) {
     track.makeDirty();
-    track.update();
+    if (update) track.update();
   }
   return count;
 }
@@ -224,6 +228,7 @@ int32_t importPhotosToTracks(const std::vector<TrackPtr>& tracks,
   PhotoReader reader;
   reader.prefetch(files);
   int32_t total = 0;
+  std::vector<TrackPtr> changed;
   for (const std::string& path : files) {
     const auto localTime = reader.captureTime(path, 0);  // the wall clock as UTC
     if (!localTime) continue;  // no time at all: not reported
@@ -234,16 +239,19 @@ int32_t importPhotosToTracks(const std::vector<TrackPtr>& tracks,
       if (!start || !end) continue;
       const ISODate time = localTime->convertLocalTimeToUTC(start->timezoneOffset());
       if (time.compare(*start) < 0 || time.compare(*end) > 0) continue;
-      const int32_t count = importPhotosWith(*track, {path}, kLibraryMaxTimeDiff, foundFiles, reader);
+      const int32_t count =
+          importPhotosWith(*track, {path}, kLibraryMaxTimeDiff, foundFiles, reader, false);
       total += count;
       if (count > 0) {  // a track that rejects the file lets later ones try
         if (foundTracks) foundTracks->push_back(track);
+        if (std::find(changed.begin(), changed.end(), track) == changed.end()) changed.push_back(track);
         attached = true;
         break;
       }
     }
     if (!attached && callback) callback();
   }
+  for (const TrackPtr& track : changed) track->update();
   return total;
 }
 
