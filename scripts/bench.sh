@@ -25,3 +25,11 @@ build/default/bench/view_bench
 echo
 echo "== GPX: read and write a 1,000,000-point file; now / floor / ratio / target"
 bench/gpx.sh
+echo
+echo "== geotag 300 photos library-wide, GPS written: wayfolio (now) against exiftool -geotag (peer), one run each"
+echo "| case                                         |      now |     peer | ratio | target   |"
+echo "|----------------------------------------------|----------|----------|-------|----------|"
+export WAYFOLIO=$PWD/build/default/tools/wayfolio/wayfolio
+bench/geotag.sh 300 --row "300 small photos" | grep '^|'
+bench/geotag.sh 300 --big --row "300 photos of 4000x3000" | grep '^|'
+bench/geotag.sh 300 --points 100000 --row "300 small photos, 100,000-point track" | grep '^|'

@@ -16,7 +16,9 @@
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 #include <string_view>
+#include <thread>
 
 namespace kvtrack {
 
@@ -142,30 +144,9 @@ void ExifTool::shutdownSessions() { ExifToolSessionPool::shared().shutdown(); }
 // "${status}" echo, which is the status a process of its own would end with.
 // Output the caller does not take goes to our standard output, and exiftool's
 // messages to standard error, in both paths alike.
-int ExifTool::execute(const std::string& commandLine, std::string* output) {
-  const std::string program = exiftoolPath();
-  std::optional<std::vector<std::string>> words = splitShellWords(commandLine);
-  const bool plain = words && !words->empty() && words->front() == program;
-  std::vector<std::string> arguments;
-  if (plain) arguments.assign(words->begin() + 1, words->end());
-  std::optional<ExifToolWriteLock> writeLock;
-  if (plain && exiftoolArgumentsWrite(arguments)) writeLock.emplace(pathsIn(arguments));
+namespace {
 
-  if (plain && persistentSessions()) {
-    std::optional<ExifToolResult> result = ExifToolSessionPool::shared().run(
-        program, arguments, [&commandLine] { logLine(commandLine); });
-    if (result) {
-      if (output) {
-        *output = std::move(result->output);
-      } else {
-        forward(stdout, result->output);
-      }
-      forward(stderr, result->errors);
-      return result->status;
-    }
-    // No session could run it (exiftool missing, or dying at every start):
-    // one process gives the real answer.
-  }
+int runThroughShell(const std::string& program, const std::string& commandLine, std::string* output) {
   int status;
   if (output) {
     ShellOutput result = runShellCommandReadingOutput(commandLine);
@@ -178,20 +159,166 @@ int ExifTool::execute(const std::string& commandLine, std::string* output) {
   return status;
 }
 
+// The arguments of a plain exiftool call (the program word, then words the
+// library quotes); nothing for any other command line.
+std::optional<std::vector<std::string>> plainArguments(const std::string& program,
+                                                       const std::string& commandLine) {
+  std::optional<std::vector<std::string>> words = splitShellWords(commandLine);
+  if (!words || words->empty() || words->front() != program) return std::nullopt;
+  words->erase(words->begin());
+  return words;
+}
+
+void deliver(ExifToolResult& result, std::string* output) {
+  if (output) {
+    *output = std::move(result.output);
+  } else {
+    forward(stdout, result.output);
+  }
+  forward(stderr, result.errors);
+}
+
+}  // namespace
+
+int ExifTool::execute(const std::string& commandLine, std::string* output) {
+  const std::string program = exiftoolPath();
+  const std::optional<std::vector<std::string>> arguments = plainArguments(program, commandLine);
+  std::optional<ExifToolWriteLock> writeLock;
+  if (arguments && exiftoolArgumentsWrite(*arguments)) writeLock.emplace(pathsIn(*arguments));
+
+  if (arguments && persistentSessions()) {
+    std::optional<ExifToolResult> result = ExifToolSessionPool::shared().run(
+        program, *arguments, [&commandLine] { logLine(commandLine); });
+    if (result) {
+      deliver(*result, output);
+      return result->status;
+    }
+    // No session could run it (exiftool missing, or dying at every start):
+    // one process gives the real answer.
+  }
+  return runThroughShell(program, commandLine, output);
+}
+
+namespace {
+
+// Plain exiftool calls of a batch: their places in it and their arguments.
+struct BatchPart {
+  std::vector<size_t> lines;
+  std::vector<std::vector<std::string>> arguments;
+};
+
+// Hands one part to one session; the lines it answered get their status
+// and output and are marked done.
+void runPart(const std::string& program, const std::vector<std::string>& commandLines,
+             const BatchPart& part, std::vector<int>& statuses, std::vector<std::string>* outputs,
+             std::vector<char>& done) {
+  std::vector<std::string> written;
+  for (const auto& arguments : part.arguments) {
+    if (!exiftoolArgumentsWrite(arguments)) continue;
+    for (auto& path : pathsIn(arguments)) written.push_back(std::move(path));
+  }
+  std::optional<ExifToolWriteLock> writeLock;
+  if (!written.empty()) writeLock.emplace(written);
+  std::vector<ExifToolResult> results =
+      ExifToolSessionPool::shared().runBatch(program, part.arguments, [&] {
+        for (size_t line : part.lines) logLine(commandLines[line]);
+      });
+  for (size_t i = 0; i < results.size(); ++i) {
+    const size_t line = part.lines[i];
+    deliver(results[i], outputs ? &(*outputs)[line] : nullptr);
+    statuses[line] = results[i].status;
+    done[line] = 1;
+  }
+}
+
+// The plain calls cut into one part per session (contiguous, so each part
+// keeps the batch's order); one part when a file is written twice, whose
+// writes must then keep their order.
+std::vector<BatchPart> splitBatch(const std::string& program, const std::vector<std::string>& commandLines) {
+  BatchPart all;
+  std::set<std::string> writtenPaths;
+  bool repeated = false;
+  for (size_t line = 0; line < commandLines.size(); ++line) {
+    std::optional<std::vector<std::string>> arguments = plainArguments(program, commandLines[line]);
+    if (!arguments) continue;
+    if (exiftoolArgumentsWrite(*arguments)) {
+      for (const auto& path : pathsIn(*arguments)) repeated |= !writtenPaths.insert(path).second;
+    }
+    all.lines.push_back(line);
+    all.arguments.push_back(std::move(*arguments));
+  }
+  constexpr size_t kSmallestPart = 4;  // below this, a second session gains nothing
+  const size_t count = all.lines.size();
+  const size_t parts = repeated ? 1 : std::clamp<size_t>(count / kSmallestPart, 1,
+                                                         ExifToolSessionPool::shared().capacity());
+  std::vector<BatchPart> result(parts);
+  for (size_t i = 0; i < count; ++i) {
+    BatchPart& part = result[i * parts / count];
+    part.lines.push_back(all.lines[i]);
+    part.arguments.push_back(std::move(all.arguments[i]));
+  }
+  return result;
+}
+
+}  // namespace
+
+std::vector<int> ExifTool::executeBatch(const std::vector<std::string>& commandLines,
+                                        std::vector<std::string>* outputs) {
+  std::vector<int> statuses(commandLines.size(), -1);
+  if (outputs) outputs->assign(commandLines.size(), std::string());
+  std::vector<char> done(commandLines.size(), 0);
+  const std::string program = exiftoolPath();
+  if (persistentSessions()) {
+    std::vector<BatchPart> parts = splitBatch(program, commandLines);
+    std::vector<std::thread> helpers;
+    for (size_t p = 1; p < parts.size(); ++p) {
+      helpers.emplace_back([&, p] { runPart(program, commandLines, parts[p], statuses, outputs, done); });
+    }
+    if (!parts.empty()) runPart(program, commandLines, parts[0], statuses, outputs, done);
+    for (auto& helper : helpers) helper.join();
+  }
+  // Lines no session answered (or that are not plain calls) run one by one.
+  for (size_t line = 0; line < commandLines.size(); ++line) {
+    if (!done[line]) statuses[line] = execute(commandLines[line], outputs ? &(*outputs)[line] : nullptr);
+  }
+  return statuses;
+}
+
 // --- reading ------------------------------------------------------------------
 
-std::optional<ExifTool::Tags> ExifTool::exifTagsForFile(const std::string& path) {
-  // -c '%f': coordinates as unsigned decimal degrees and a hemisphere letter.
-  const std::string command = fmt::format("{} -c '%f' {}", FileHandling::filenameForShell(exiftoolPath()),
-                                          FileHandling::filenameForShell(path));
-  std::string output;
-  const int status = execute(command, &output);
+namespace {
+
+// -c '%f': coordinates as unsigned decimal degrees and a hemisphere letter.
+std::string tagsCommand(const std::string& path) {
+  return fmt::format("{} -c '%f' {}", FileHandling::filenameForShell(ExifTool::exiftoolPath()),
+                     FileHandling::filenameForShell(path));
+}
+
+std::optional<ExifTool::Tags> tagsFromAnswer(const std::string& path, int status, const std::string& output) {
   if (status < 0) {
     logLine("exifTagsForFile: error opening pipe to exiftool!");
     return std::nullopt;
   }
   if (status != 0) logf("exifTagsForFile: exiftool ended with status {} for {}", status, path);
   return parseTags(output);
+}
+
+}  // namespace
+
+std::optional<ExifTool::Tags> ExifTool::exifTagsForFile(const std::string& path) {
+  std::string output;
+  const int status = execute(tagsCommand(path), &output);
+  return tagsFromAnswer(path, status, output);
+}
+
+std::vector<std::optional<ExifTool::Tags>> ExifTool::exifTagsForFiles(const std::vector<std::string>& paths) {
+  std::vector<std::string> commands;
+  for (const std::string& path : paths) commands.push_back(tagsCommand(path));
+  std::vector<std::string> outputs;
+  const std::vector<int> statuses = executeBatch(commands, &outputs);
+  std::vector<std::optional<Tags>> tags(paths.size());
+  for (size_t i = 0; i < paths.size(); ++i) tags[i] = tagsFromAnswer(paths[i], statuses[i], outputs[i]);
+  return tags;
 }
 
 std::optional<ExifTool::Tags> ExifTool::exifTagsForFileAndXmp(const std::string& path) {

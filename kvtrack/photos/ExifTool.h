@@ -14,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kvtrack {
 
@@ -33,6 +34,16 @@ class ExifTool {
   /// never run at once.
   static int execute(const std::string& commandLine, std::string* output = nullptr);
 
+  /// Runs the command lines as execute() would run each in turn, and
+  /// returns their statuses in order; outputs, when given, receives each
+  /// one's standard output. Plain exiftool calls go to the persistent
+  /// sessions many at a time (one round trip for many commands), the batch
+  /// cut into one contiguous part per session, the parts side by side (in
+  /// one part when a file is written twice). Command lines are logged as
+  /// their part starts.
+  static std::vector<int> executeBatch(const std::vector<std::string>& commandLines,
+                                       std::vector<std::string>* outputs = nullptr);
+
   /// Persistent sessions: on by default, off with the preference
   /// exiftoolPersistentSessions = false or with this call.
   static void setPersistentSessions(bool enabled);
@@ -45,6 +56,8 @@ class ExifTool {
 
   // --- reading ----------------------------------------------------------------
   static std::optional<Tags> exifTagsForFile(const std::string& path);
+  /// exifTagsForFile for many files at once (through executeBatch), in order.
+  static std::vector<std::optional<Tags>> exifTagsForFiles(const std::vector<std::string>& paths);
   static std::optional<Tags> exifTagsForFileAndXmp(const std::string& path);
   static double latitudeFromDictionary(const Tags& tags);
   static double longitudeFromDictionary(const Tags& tags);

@@ -89,18 +89,20 @@ std::optional<std::string> commandInput(const std::vector<std::string>& argument
   return input;
 }
 
-// One command's exchange: writes its input while reading both answers,
-// until both end in their markers or exiftool goes away.
+// One exchange of one or more commands, sent at once: writes their input
+// while reading both answers and cutting each answer at its command's
+// marker, until every command is answered or exiftool goes away. exiftool
+// runs the commands in order, so the markers arrive in order.
 class Exchange {
  public:
-  explicit Exchange(unsigned id)
-      : statusMarker_(fmt::format("{{ready{}:", id)), readyMarker_(fmt::format("{{ready{}}}\n", id)) {}
+  explicit Exchange(std::vector<unsigned> ids) : ids_(std::move(ids)), results_(ids_.size()) {}
 
   bool run(ChildProcess& exiftool, const std::string& input) {
     size_t written = 0;
-    while (!outputDone_ || !errorsDone_) {
-      pollfd fds[3] = {{outputDone_ ? -1 : exiftool.output().get(), POLLIN, 0},
-                       {errorsDone_ ? -1 : exiftool.errors().get(), POLLIN, 0},
+    while (outputs_ < ids_.size() || statuses_ < ids_.size()) {
+      const bool outputDone = outputs_ == ids_.size(), errorsDone = statuses_ == ids_.size();
+      pollfd fds[3] = {{outputDone ? -1 : exiftool.output().get(), POLLIN, 0},
+                       {errorsDone ? -1 : exiftool.errors().get(), POLLIN, 0},
                        {exiftool.input().get(), POLLOUT, 0}};
       const nfds_t count = written < input.size() ? 3 : 2;
       if (SystemCalls::current().poll(fds, count, -1) < 0) {
@@ -114,12 +116,10 @@ class Exchange {
     return true;
   }
 
-  ExifToolResult result() && {
-    result_.output.resize(result_.output.size() - readyMarker_.size());
-    const size_t marker = result_.errors.rfind(statusMarker_);
-    result_.status = std::atoi(result_.errors.c_str() + marker + statusMarker_.size());
-    result_.errors.resize(marker);
-    return std::move(result_);
+  /// The commands answered on both streams, in order.
+  std::vector<ExifToolResult> results() && {
+    results_.resize(std::min(outputs_, statuses_));
+    return std::move(results_);
   }
 
  private:
@@ -128,22 +128,44 @@ class Exchange {
     if (n > 0) written += static_cast<size_t>(n);
     return n >= 0 || errno == EAGAIN || errno == EINTR;  // EPIPE: exiftool is gone
   }
+  // Where the marker starts a line of the text; else (output that does not
+  // end its last line, as with -b) where it stands anywhere; npos if not.
+  static size_t markerIn(const std::string& text, const std::string& marker) {
+    for (size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at + 1)) {
+      if (at == 0 || text[at - 1] == '\n') return at;
+    }
+    return text.find(marker);
+  }
   bool readOutput(const UniqueFd& output) {
-    if (!readAvailable(output, result_.output)) return false;
-    outputDone_ = result_.output.ends_with(readyMarker_);
+    if (!readAvailable(output, output_)) return false;
+    while (outputs_ < ids_.size()) {
+      const std::string marker = fmt::format("{{ready{}}}\n", ids_[outputs_]);
+      const size_t at = markerIn(output_, marker);
+      if (at == std::string::npos) break;
+      results_[outputs_++].output = output_.substr(0, at);
+      output_.erase(0, at + marker.size());
+    }
     return true;
   }
   bool readErrors(const UniqueFd& errors) {
-    if (!readAvailable(errors, result_.errors)) return false;
-    const size_t marker = result_.errors.rfind(statusMarker_);
-    errorsDone_ = marker != std::string::npos && result_.errors.ends_with("}\n") &&
-                  (marker == 0 || result_.errors[marker - 1] == '\n');
+    if (!readAvailable(errors, errors_)) return false;
+    while (statuses_ < ids_.size()) {
+      const std::string marker = fmt::format("{{ready{}:", ids_[statuses_]);
+      const size_t at = markerIn(errors_, marker);
+      const size_t end = at == std::string::npos ? at : errors_.find("}\n", at);
+      if (end == std::string::npos) break;
+      ExifToolResult& result = results_[statuses_++];
+      result.status = std::atoi(errors_.c_str() + at + marker.size());
+      result.errors = errors_.substr(0, at);
+      errors_.erase(0, end + 2);
+    }
     return true;
   }
 
-  const std::string statusMarker_, readyMarker_;
-  ExifToolResult result_;
-  bool outputDone_ = false, errorsDone_ = false;
+  const std::vector<unsigned> ids_;
+  std::vector<ExifToolResult> results_;
+  std::string output_, errors_;  // not yet cut off
+  size_t outputs_ = 0, statuses_ = 0;
 };
 
 // Reads and drops both answers until exiftool closes them or the deadline
@@ -209,16 +231,25 @@ bool ExifToolSession::start() {
 }
 
 std::optional<ExifToolResult> ExifToolSession::run(const std::vector<std::string>& arguments) {
-  if (!isRunning()) return std::nullopt;
-  const unsigned id = nextCommandId++;
-  const std::optional<std::string> input = commandInput(arguments, id);
-  if (!input) return std::nullopt;
-  Exchange exchange(id);
-  if (!exchange.run(*child_, *input)) {
-    reap(true);
-    return std::nullopt;
+  std::vector<ExifToolResult> results = runBatch({arguments});
+  if (results.empty()) return std::nullopt;
+  return std::move(results.front());
+}
+
+std::vector<ExifToolResult> ExifToolSession::runBatch(const std::vector<std::vector<std::string>>& commands) {
+  if (!isRunning() || commands.empty()) return {};
+  std::vector<unsigned> ids;
+  std::string input;
+  for (const auto& arguments : commands) {
+    ids.push_back(nextCommandId++);
+    const std::optional<std::string> lines = commandInput(arguments, ids.back());
+    if (!lines) return {};  // callers check exiftoolArgumentsSuitForSession
+    input += *lines;
   }
-  return std::move(exchange).result();
+  Exchange exchange(std::move(ids));
+  const bool whole = exchange.run(*child_, input);
+  if (!whole) reap(true);
+  return std::move(exchange).results();
 }
 
 void ExifToolSession::stop() {
@@ -286,25 +317,40 @@ void ExifToolSessionPool::release(std::unique_ptr<ExifToolSession> session) {
 std::optional<ExifToolResult> ExifToolSessionPool::run(const std::string& program,
                                                        const std::vector<std::string>& arguments,
                                                        const std::function<void()>& beforeRun) {
-  if (!exiftoolArgumentsSuitForSession(arguments)) return std::nullopt;
+  std::vector<ExifToolResult> results = runBatch(program, {arguments}, beforeRun);
+  if (results.empty()) return std::nullopt;
+  return std::move(results.front());
+}
+
+std::vector<ExifToolResult> ExifToolSessionPool::runBatch(
+    const std::string& program, const std::vector<std::vector<std::string>>& commands,
+    const std::function<void()>& beforeRun) {
+  if (commands.empty() || !std::all_of(commands.begin(), commands.end(), exiftoolArgumentsSuitForSession)) {
+    return {};
+  }
   std::unique_ptr<ExifToolSession> session = acquire(program);
-  std::optional<ExifToolResult> result;
-  for (int attempt = 0; attempt < 2 && !result; ++attempt) {
+  std::vector<ExifToolResult> results;
+  for (int attempt = 0; attempt < 2 && results.size() < commands.size(); ++attempt) {
     const bool wasRunning = session->isRunning();
     const pid_t previous = session->processId();
     if (!session->start()) break;
     if (attempt == 0 && beforeRun) beforeRun();
-    result = session->run(arguments);
-    if (!result && attempt == 0) {
+    // After a death, the command exiftool was working on goes again with the rest.
+    const std::vector<std::vector<std::string>> rest(commands.begin() + static_cast<std::ptrdiff_t>(results.size()),
+                                                     commands.end());
+    for (ExifToolResult& result : session->runBatch(rest)) results.push_back(std::move(result));
+    if (results.size() < commands.size() && attempt == 0) {
       if (wasRunning) {
         logf("exiftool session: exiftool (process {}) ended; restarting it", previous);
+      } else if (!results.empty()) {
+        logLine("exiftool session: exiftool ended during a batch; restarting it");
       } else {
         logLine("exiftool session: exiftool ended at start; trying once more");
       }
     }
   }
   release(std::move(session));
-  return result;
+  return results;
 }
 
 void ExifToolSessionPool::shutdown() {

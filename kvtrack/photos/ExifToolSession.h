@@ -48,6 +48,10 @@ class ExifToolSession {
   /// Runs one command (arguments without the program). Nothing when the
   /// process is gone or goes away during the command; it is reaped then.
   std::optional<ExifToolResult> run(const std::vector<std::string>& arguments);
+  /// Runs the commands in order, sent all at once (one round trip instead
+  /// of one per command). The results of the commands answered, in order:
+  /// fewer than commands when the process went away (it is reaped then).
+  std::vector<ExifToolResult> runBatch(const std::vector<std::vector<std::string>>& commands);
   /// Asks exiftool to finish ("-stay_open False"), waits a few seconds, then
   /// kills it. Never logs, so it is safe at process exit.
   void stop();
@@ -90,6 +94,13 @@ class ExifToolSessionPool {
   std::optional<ExifToolResult> run(const std::string& program,
                                     const std::vector<std::string>& arguments,
                                     const std::function<void()>& beforeRun = {});
+  /// The same for commands sent at once to one session, in order. When
+  /// exiftool dies, it is restarted once and the unanswered commands go
+  /// again. The results of the commands answered, in order; the caller runs
+  /// the rest (all of them when a command does not suit a session) on its own.
+  std::vector<ExifToolResult> runBatch(const std::string& program,
+                                       const std::vector<std::vector<std::string>>& commands,
+                                       const std::function<void()>& beforeRun = {});
   /// Ends every session (waiting for busy ones to come back). Later calls
   /// start new ones.
   void shutdown();

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -160,6 +161,39 @@ bool replaceAtomically(const std::string& file, const std::string& bytes, mode_t
   return true;
 }
 
+// Place block, the six position parts and the time stamps, as they stand
+// between the options and the file on every command line.
+std::string argumentsFor(TrackPhoto& photo, bool GPSLocation, bool locationInformation,
+                         bool addKeywords, bool timeStamps, double latitude, double longitude,
+                         double elevation) {
+  const auto p = positionParts(GPSLocation, latitude, longitude, elevation);
+  return fmt::format("{} {} {} {} {} {} {} {}", placeBlock(photo, locationInformation, addKeywords),
+                     p[0], p[1], p[2], p[3], p[4], p[5], timeStampBlock(photo, timeStamps));
+}
+
+// Batches write through copies of their own, numbered across the process
+// so that batches never share one.
+std::atomic<unsigned long> nextBatchCopy{1};
+
+// exiftool's copy written beside the photo (the link's target) takes the
+// photo's place by a rename, as exiftool's own -overwrite_original does:
+// no second copy of the bytes.
+bool moveOver(const std::string& copy, const std::string& file, mode_t mode) {
+  const std::string target = FileHandling::resolveAlias(file);
+  struct stat info {};
+  if (::lstat(copy.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;  // not a link
+  return ::chmod(copy.c_str(), mode & 07777) == 0 && ::rename(copy.c_str(), target.c_str()) == 0;
+}
+
+// A name beside the photo's target that nothing has yet. exiftool -o
+// refuses a name that exists, so nobody can point it elsewhere; the dot
+// keeps it out of folder walks.
+std::string copyBeside(const std::string& file) {
+  const fs::path target(FileHandling::resolveAlias(file));
+  return (target.parent_path() / fmt::format(".wayfolio-exif-{}-{}.img", ::getpid(), nextBatchCopy++))
+      .string();
+}
+
 }  // namespace
 
 std::string ExifWriter::temporaryFile() {
@@ -182,6 +216,12 @@ int ExifWriter::run(const std::string& commandLine) {
   return ExifTool::execute(commandLine, &report);
 }
 
+std::string ExifWriter::copyCommand(const std::string& arguments, const std::string& file,
+                                    const std::string& temporary) {
+  return fmt::format("{} -m -codedcharacterset=UTF8 {} {} -o {}", exiftoolWord(), arguments,
+                     FileHandling::filenameForShell(file), FileHandling::filenameForShell(temporary));
+}
+
 bool ExifWriter::writeThroughCopy(const std::string& arguments, const std::string& file,
                                   bool restoreTimes) {
   std::lock_guard lock(temporaryFileMutex);
@@ -193,20 +233,26 @@ bool ExifWriter::writeThroughCopy(const std::string& arguments, const std::strin
   }
   std::error_code ignored;
   if (!dryRun_) fs::remove(temporary, ignored);  // exiftool -o never overwrites
-  const std::string command = fmt::format("{} -m -codedcharacterset=UTF8 {} {} -o {}", exiftoolWord(),
-                                          arguments, FileHandling::filenameForShell(file),
-                                          FileHandling::filenameForShell(temporary));
-  const int status = run(command);
+  const int status = run(copyCommand(arguments, file, temporary));
   if (dryRun_) return true;
-  const auto bytes = status == 0 ? readFile(temporary) : std::nullopt;
-  if (!bytes) {  // exiftool could not write it: the photo stays as it was
-    fs::remove(temporary, ignored);
+  return replaceFromCopy(status, temporary, file, restoreTimes, false);
+}
+
+bool ExifWriter::replaceFromCopy(int status, const std::string& temporary, const std::string& file,
+                                 bool restoreTimes, bool beside) {
+  std::error_code ignored;
+  std::optional<std::string> bytes;
+  if (status == 0) bytes = beside ? std::optional<std::string>("") : readFile(temporary);
+  if (!bytes || (beside && !fs::exists(temporary, ignored))) {
+    fs::remove(temporary, ignored);  // exiftool could not write it: the photo stays as it was
     ++failed_;
     return false;
   }
   struct stat before {};
   const bool haveAttributes = ::stat(file.c_str(), &before) == 0;
-  const bool replaced = haveAttributes && replaceAtomically(file, *bytes, before.st_mode);
+  const bool replaced =
+      haveAttributes && (beside ? moveOver(temporary, file, before.st_mode)
+                                : replaceAtomically(file, *bytes, before.st_mode));
   fs::remove(temporary, ignored);  // photo data do not linger in the temporary folder
   if (!replaced) {
     logf("Error writing file {}", file);
@@ -261,10 +307,8 @@ void ExifWriter::updateExifForGPSLocation(TrackPhoto& photo, bool GPSLocation,
                                           double longitude, double elevation) {
   std::error_code error;
   if (filepath.empty() || !fs::exists(filepath, error)) return;
-  const auto p = positionParts(GPSLocation, latitude, longitude, elevation);
-  const std::string arguments =
-      fmt::format("{} {} {} {} {} {} {} {}", placeBlock(photo, locationInformation, addKeywords),
-                  p[0], p[1], p[2], p[3], p[4], p[5], timeStampBlock(photo, timeStamps));
+  const std::string arguments = argumentsFor(photo, GPSLocation, locationInformation, addKeywords,
+                                             timeStamps, latitude, longitude, elevation);
 
   if (ExifTool::canWriteToFile(filepath)) {
     writeThroughCopy(arguments, filepath, true);
@@ -288,6 +332,48 @@ void ExifWriter::updateExifForGPSLocation(TrackPhoto& photo, bool GPSLocation,
     if (!dryRun_) logf("Processing other iPhoto file: {}", *other);
     writeThroughCopy(arguments, *other, false);
   }
+}
+
+std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<PhotoAtPosition>& photos,
+                                                             bool GPSLocation, bool locationInformation,
+                                                             bool addKeywords, bool timeStamps) {
+  struct Copy {
+    const PhotoAtPosition* entry;
+    std::string file, temporary;
+  };
+  std::vector<Copy> copies;
+  std::vector<std::string> commands, failedPaths;
+  for (const PhotoAtPosition& entry : photos) {
+    TrackPhoto& photo = *entry.photo;
+    TrackPhotos::startAccessingSecurityScopedResource(photo);
+    std::string file = TrackPhotos::filepath(photo);
+    std::error_code error;
+    // Side files, other renditions and dry runs take the one-photo path.
+    if (dryRun_ || file.empty() || !fs::exists(file, error) ||
+        !ExifTool::canWriteToFile(file) || TrackPhotos::iPhotoOtherFilepath(photo)) {
+      const size_t failedBefore = failed_;
+      updateExifForGPSLocation(photo, GPSLocation, locationInformation, addKeywords, timeStamps, file,
+                               true, entry.latitude, entry.longitude, entry.elevation);
+      if (failed_ > failedBefore) failedPaths.push_back(photo.originalFilepath());
+      continue;
+    }
+    std::string temporary = copyBeside(file);
+    commands.push_back(copyCommand(argumentsFor(photo, GPSLocation, locationInformation, addKeywords,
+                                                timeStamps, entry.latitude, entry.longitude,
+                                                entry.elevation),
+                                   file, temporary));
+    copies.push_back({&entry, std::move(file), std::move(temporary)});
+  }
+  commandLines_.insert(commandLines_.end(), commands.begin(), commands.end());
+  std::vector<std::string> reports;  // "1 image files created": not for our caller's output
+  const std::vector<int> statuses = ExifTool::executeBatch(commands, &reports);
+  for (size_t i = 0; i < copies.size(); ++i) {
+    if (!replaceFromCopy(statuses[i], copies[i].temporary, copies[i].file, true, true)) {
+      failedPaths.push_back(copies[i].entry->photo->originalFilepath());
+    }
+  }
+  for (const PhotoAtPosition& entry : photos) TrackPhotos::stopAccessingSecurityScopedResource(*entry.photo);
+  return failedPaths;
 }
 
 void ExifWriter::updateExifForGPSLocation(Track& track, bool GPSLocation,

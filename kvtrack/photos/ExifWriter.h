@@ -26,6 +26,12 @@
 
 namespace kvtrack {
 
+/// A photo with the position to write into it (degrees, metres).
+struct PhotoAtPosition {
+  TrackPhotoPtr photo;
+  double latitude = 0.0, longitude = 0.0, elevation = 0.0;
+};
+
 class ExifWriter {
  public:
   /// A dry run builds and records every command line but runs, deletes and
@@ -57,6 +63,17 @@ class ExifWriter {
                                 bool addKeywords, bool timeStamps, const std::string& filepath,
                                 bool withActionlist, double latitude, double longitude,
                                 double elevation);
+  /// Each photo as the explicit-position entry would write it, with
+  /// exiftool's work for many photos handed over at once (spread over the
+  /// persistent sessions). exiftool writes each photo's new version beside
+  /// it under a hidden name of its own, which is then renamed over the
+  /// photo, so one that exiftool cannot write stays untouched while the
+  /// others are written. Side files, other iPhoto renditions and dry runs
+  /// go one photo at a time. Returns the original paths of the photos not
+  /// written.
+  std::vector<std::string> updateExifForGPSLocation(const std::vector<PhotoAtPosition>& photos,
+                                                    bool GPSLocation, bool locationInformation,
+                                                    bool addKeywords, bool timeStamps);
   /// Every photo of every point, in order, under the track's lock.
   void updateExifForGPSLocation(Track& track, bool GPSLocation, bool locationInformation,
                                 bool addKeywords, bool timeStamps);
@@ -78,6 +95,13 @@ class ExifWriter {
   int run(const std::string& commandLine);
   bool writeThroughCopy(const std::string& arguments, const std::string& file,
                         bool restoreTimes);
+  static std::string copyCommand(const std::string& arguments, const std::string& file,
+                                 const std::string& temporary);
+  /// Puts exiftool's copy over the file when exiftool succeeded (its bytes,
+  /// or the copy itself when it lies beside the file); counts and logs the
+  /// outcome and removes the copy.
+  bool replaceFromCopy(int status, const std::string& temporary, const std::string& file,
+                       bool restoreTimes, bool beside);
 
   bool dryRun_;
   std::vector<std::string> commandLines_;

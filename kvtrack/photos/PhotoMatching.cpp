@@ -4,11 +4,10 @@
 #include "kvtrack/photos/PhotoHooks.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <mutex>
-#include <thread>
 
 namespace kvtrack {
 
@@ -25,24 +24,23 @@ bool fileExists(const std::string& path) {
 
 // The reads of one matching run. A file's tags serve its capture time in
 // every zone and its place names, so each file is read once (the files do
-// not change during the run), and a batch is read ahead in parallel:
-// exiftool's round trip, not our work, is what a photo costs.
+// not change during the run), and a batch is read ahead all at once:
+// exiftool's round trips, not our work, are what a photo costs.
 class PhotoReader {
  public:
   void prefetch(const std::vector<std::string>& files) {
-    if (files.size() < 2) return;
-    const size_t workers =
-        std::min<size_t>(files.size(), std::max(1u, std::thread::hardware_concurrency()));
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> threads;
-    for (size_t w = 0; w < workers; ++w) {
-      threads.emplace_back([&] {
-        for (size_t i; (i = next.fetch_add(1)) < files.size();) {
-          if (fileExists(files[i])) tags(files[i]);  // a missing file is skipped later
-        }
-      });
+    std::vector<std::string> wanted;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& path : files) {
+        // A missing file is skipped later.
+        if (!cache_.contains(path) && fileExists(path)) wanted.push_back(path);
+      }
     }
-    for (auto& thread : threads) thread.join();
+    if (wanted.size() < 2) return;
+    std::vector<std::optional<ExifTool::Tags>> read = ExifTool::exifTagsForFiles(wanted);
+    std::lock_guard lock(mutex_);
+    for (size_t i = 0; i < wanted.size(); ++i) cache_.try_emplace(wanted[i], std::move(read[i]));
   }
 
   /// As ExifTool::isoDateForFile with force on.
@@ -88,8 +86,11 @@ int32_t offsetOf(const TrackPointPtr& point) {
   return time ? time->timezoneOffset() : 0;
 }
 
+// update false: the caller updates the track once it has matched them all
+// (statistics over a long track cost more than matching one photo).
 int32_t importPhotosWith(Track& track, const std::vector<std::string>& files,
-                         int32_t maxTimeDiff, FoundPhotos* found, PhotoReader& reader) {
+                         int32_t maxTimeDiff, FoundPhotos* found, PhotoReader& reader,
+                         bool update = true) {
   std::lock_guard<Track> lock(track);
   const TrackPointPtr first = track.firstPoint();
   if (!first) return 0;
@@ -117,7 +118,7 @@ int32_t importPhotosWith(Track& track, const std::vector<std::string>& files,
   }
   if (count > 0) {
     track.makeDirty();
-    track.update();
+    if (update) track.update();
   }
   return count;
 }
@@ -227,6 +228,7 @@ int32_t importPhotosToTracks(const std::vector<TrackPtr>& tracks,
   PhotoReader reader;
   reader.prefetch(files);
   int32_t total = 0;
+  std::vector<TrackPtr> changed;
   for (const std::string& path : files) {
     const auto localTime = reader.captureTime(path, 0);  // the wall clock as UTC
     if (!localTime) continue;  // no time at all: not reported
@@ -237,16 +239,19 @@ int32_t importPhotosToTracks(const std::vector<TrackPtr>& tracks,
       if (!start || !end) continue;
       const ISODate time = localTime->convertLocalTimeToUTC(start->timezoneOffset());
       if (time.compare(*start) < 0 || time.compare(*end) > 0) continue;
-      const int32_t count = importPhotosWith(*track, {path}, kLibraryMaxTimeDiff, foundFiles, reader);
+      const int32_t count =
+          importPhotosWith(*track, {path}, kLibraryMaxTimeDiff, foundFiles, reader, false);
       total += count;
       if (count > 0) {  // a track that rejects the file lets later ones try
         if (foundTracks) foundTracks->push_back(track);
+        if (std::find(changed.begin(), changed.end(), track) == changed.end()) changed.push_back(track);
         attached = true;
         break;
       }
     }
     if (!attached && callback) callback();
   }
+  for (const TrackPtr& track : changed) track->update();
   return total;
 }
 

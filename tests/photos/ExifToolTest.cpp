@@ -225,6 +225,45 @@ TEST_F(ExifToolTest, SessionsAndSingleProcessesGiveTheSameTagsAndLogLines) {
   EXPECT_EQ(lines[1][0], "'exiftool' -c '%f' " + FileHandling::filenameForShell(path));
 }
 
+TEST_P(ExifToolModeTest, ABatchAnswersEveryCommandAsIfItRanAlone) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 8; ++i) {
+    paths.push_back(i == 5 ? scratch.file("missing.jpg")
+                           : jpeg(fmt::format("b{}.jpg", i),
+                                  {fmt::format("DateTimeOriginal=2012:06:01 10:{:02}:00", i),
+                                   "IPTC:City=Köln " + std::to_string(i)}));
+  }
+  LogCapture log;
+  const std::vector<std::optional<Tags>> batch = ExifTool::exifTagsForFiles(paths);
+  ASSERT_EQ(batch.size(), paths.size());
+  for (size_t i = 0; i < paths.size(); ++i) {
+    ASSERT_TRUE(batch[i]) << paths[i];
+    EXPECT_TRUE(log.contains("'exiftool' -c '%f' " + FileHandling::filenameForShell(paths[i])));
+    if (i == 5) {
+      EXPECT_TRUE(batch[i]->empty());
+      EXPECT_TRUE(log.contains("exifTagsForFile: exiftool ended with status 1 for " + paths[i]));
+      continue;
+    }
+    Tags alone = ExifTool::exifTagsForFile(paths[i]).value_or(Tags{});
+    Tags inBatch = *batch[i];
+    alone.erase("File Access Date/Time");
+    inBatch.erase("File Access Date/Time");
+    EXPECT_EQ(inBatch, alone) << paths[i];
+    EXPECT_EQ(inBatch.at("City"), "Köln " + std::to_string(i));
+  }
+
+  // Raw output that ends in no newline, and a failing command in between.
+  const std::string exiftool = FileHandling::filenameForShell(ExifTool::exiftoolPath());
+  std::vector<std::string> names;
+  const std::vector<int> statuses = ExifTool::executeBatch(
+      {exiftool + " -b -FileName " + FileHandling::filenameForShell(paths[0]),
+       exiftool + " -b -FileName " + FileHandling::filenameForShell(paths[5]),
+       "true", exiftool + " -b -FileName " + FileHandling::filenameForShell(paths[7])},
+      &names);
+  EXPECT_EQ(statuses, (std::vector<int>{0, 1, 0, 0}));
+  EXPECT_EQ(names, (std::vector<std::string>{"b0.jpg", "", "", "b7.jpg"}));
+}
+
 TEST_F(ExifToolTest, SessionRestartsAfterExiftoolDies) {
   ExifTool::setPersistentSessions(true);
   const std::string path = jpeg("kill.jpg", {"DateTimeOriginal=2012:06:01 10:00:00"});

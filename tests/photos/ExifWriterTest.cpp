@@ -181,6 +181,54 @@ TEST_F(ExifWriterTest, APhotoExiftoolCannotWriteStaysUntouched) {
   EXPECT_EQ(writer.commandLines().size(), 1u);
 }
 
+TEST_F(ExifWriterTest, ABatchWritesEveryPhotoButTheOnesExiftoolCannotWrite) {
+  const std::string broken = "\xFF\xD8\xFF\xE1 not really a JPEG";
+  const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);
+  std::vector<PhotoAtPosition> batch;
+  std::vector<std::string> good;
+  for (int i = 0; i < 9; ++i) {
+    std::string path;
+    if (i == 4 || i == 6) {
+      path = scratch.write(fmt::format("bad{}.jpg", i), broken);
+    } else {
+      path = photo(fmt::format("p{}.jpg", i), "2012:05:01 10:30:00");
+      fs::last_write_time(path, old);
+      good.push_back(path);
+    }
+    batch.push_back({attached(path, 46.0 + i, -7.0 - i, 100.0 * i), 46.0 + i, -7.0 - i, 100.0 * i});
+  }
+  const std::string alone = photo("alone.jpg", "2012:05:01 10:30:00");
+  fs::last_write_time(alone, old);
+
+  LogCapture log;
+  ExifWriter writer;
+  const std::vector<std::string> failed = writer.updateExifForGPSLocation(batch, true, false, false, false);
+  EXPECT_EQ(failed, (std::vector<std::string>{scratch.file("bad4.jpg"), scratch.file("bad6.jpg")}));
+  EXPECT_EQ(writer.written(), 7u);
+  EXPECT_EQ(writer.failed(), 2u);
+  EXPECT_EQ(read(scratch.file("bad4.jpg")), broken);
+  EXPECT_EQ(read(scratch.file("bad6.jpg")), broken);
+  for (int i : {0, 3, 5, 8}) {
+    const std::string path = scratch.file(fmt::format("p{}.jpg", i));
+    const auto tags = ExifTool::exifTagsForFile(path).value_or(ExifTool::Tags{});
+    EXPECT_DOUBLE_EQ(ExifTool::latitudeFromDictionary(tags), 46.0 + i) << path;
+    EXPECT_DOUBLE_EQ(ExifTool::longitudeFromDictionary(tags), -7.0 - i) << path;
+    EXPECT_DOUBLE_EQ(ExifTool::elevationFromDictionary(tags), 100.0 * i) << path;
+    EXPECT_EQ(fs::last_write_time(path), old);
+    EXPECT_TRUE(log.contains("File " + path + " copied successfully."));
+  }
+  // The very bytes one photo at a time gives.
+  ExifWriter one;
+  one.updateExifForGPSLocation(*batch[8].photo, true, false, false, false, alone, true, 54.0, -15.0, 800.0);
+  EXPECT_EQ(read(alone), read(good.back()));
+  for (const auto& entry : fs::directory_iterator(fs::path(ExifWriter::temporaryFile()).parent_path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("exiftool")) << entry.path();
+  }
+  for (const auto& entry : fs::directory_iterator(scratch.path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
+  }
+}
+
 TEST_F(ExifWriterTest, HostileNamesAndValuesAreWrittenLiterally) {
   const std::vector<std::string> names = {
       "it's \"quoted\".jpg", "$(touch pwned1).jpg", "`touch pwned2`.jpg", "two  spaces .jpg",

@@ -47,8 +47,9 @@ struct Attached {
 };
 
 // Writes the attached photos on a thread of its own while matching goes
-// on: matching waits for exiftool's reads and writing for its writes, and
-// the persistent sessions serve both side by side. Writes keep their order.
+// on, in batches of what has queued up: matching waits for exiftool's reads
+// and writing for its writes, and the persistent sessions serve both side
+// by side.
 // A dry run records the command lines in the caller's thread.
 class PhotoWriting {
  public:
@@ -69,7 +70,7 @@ class PhotoWriting {
       }
     }
     if (!worker_.joinable()) {
-      for (const auto& attached : photos) write(attached);
+      write(photos);
       return;
     }
     {
@@ -103,27 +104,34 @@ class PhotoWriting {
   }
 
  private:
-  void write(const Attached& attached) {
-    if (places_) places_->fill(*attached.photo, attached.latitude, attached.longitude);
-    const size_t failedBefore = writer_.failed();
-    writer_.updateExifForGPSLocation(*attached.photo, choice_.gps, choice_.places,
-                                     choice_.keywords, choice_.times, attached.latitude,
-                                     attached.longitude, attached.elevation);
-    if (writer_.failed() > failedBefore) failed_.push_back(attached.photo->originalFilepath());
+  void write(const std::vector<Attached>& batch) {
+    std::vector<kvtrack::PhotoAtPosition> photos;
+    for (const Attached& attached : batch) {
+      if (places_) places_->fill(*attached.photo, attached.latitude, attached.longitude);
+      photos.push_back({attached.photo, attached.latitude, attached.longitude, attached.elevation});
+    }
+    std::vector<std::string> failed = writer_.updateExifForGPSLocation(
+        photos, choice_.gps, choice_.places, choice_.keywords, choice_.times);
+    failed_.insert(failed_.end(), failed.begin(), failed.end());
   }
 
+  // Takes what has queued up, up to a batch: while one batch is written,
+  // matching queues the next.
   void work() {
     std::unique_lock lock(mutex_);
     for (;;) {
       changed_.wait(lock, [this] { return closed_ || !queue_.empty(); });
       if (queue_.empty()) return;  // closed and drained
-      const Attached next = std::move(queue_.front());
-      queue_.pop_front();
-      current_ = next.photo->originalFilepath();
+      std::vector<Attached> batch;
+      while (!queue_.empty() && batch.size() < kBatch) {
+        batch.push_back(std::move(queue_.front()));
+        queue_.pop_front();
+      }
+      current_ = batch.back().photo->originalFilepath();
       lock.unlock();
-      write(next);
+      write(batch);
       lock.lock();
-      ++done_;
+      done_ += batch.size();
       changed_.notify_all();
     }
   }
@@ -136,6 +144,8 @@ class PhotoWriting {
     changed_.notify_all();
     if (worker_.joinable()) worker_.join();
   }
+
+  static constexpr size_t kBatch = 64;  // photos handed to exiftool at once
 
   const WriteChoice choice_;
   std::shared_ptr<PhotoPlaces> places_;
