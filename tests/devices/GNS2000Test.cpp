@@ -90,6 +90,7 @@ TEST_F(GNS2000Test, DumpBecomesTracksSplitWhereTimeRunsBackwards) {
   EXPECT_DOUBLE_EQ(point->latitude(), static_cast<double>(47.5f + 110 * 1e-4f));
   EXPECT_DOUBLE_EQ(point->longitude(), 8.25);
   EXPECT_DOUBLE_EQ(point->elevation(), -10.0);  // height 0xFFF6
+  EXPECT_EQ(point->time()->timezoneOffset(), 0);
   EXPECT_EQ((*tracks)[1]->name(), (*tracks)[1]->trackPoints().front()->time()->descriptionForGui());
   EXPECT_EQ(driver.invalidPositionCount(), 1u);
   EXPECT_EQ(driver.protocolCommand(), GNS2000::kStateFinished);

@@ -10,6 +10,7 @@
 #include "kvtrack/support/Log.h"
 #include "tests/common/ScratchFolder.h"
 #include "tests/devices/IGotUEmulator.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <gtest/gtest.h>
 
@@ -60,9 +61,7 @@ std::vector<std::vector<uint8_t>> minuteRecords(size_t count) {
 Frame readFrame(uint32_t address) {
   Frame f{0x93, 0x05, 0x07, 0x10, 0x00, 0x04, 0x03, static_cast<uint8_t>(address >> 16),
           static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address)};
-  uint8_t sum = 0;
-  for (size_t i = 0; i < 15; ++i) sum = static_cast<uint8_t>(sum + f[i]);
-  f[15] = static_cast<uint8_t>(0 - sum);
+  f[15] = static_cast<uint8_t>(0 - test::frameSum(f, 15));
   return f;
 }
 
