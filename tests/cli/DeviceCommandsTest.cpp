@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 
 #include "tests/cli/WayfolioFixture.h"
+#include "tests/devices/LoggerWire.h"
 #include "tests/devices/PtyPair.h"
 #include "tests/common/ScopedEnvironment.h"
 
@@ -17,11 +19,7 @@ namespace {
 // Five fixes 10 s apart, each as RMC and GGA with correct checksums.
 std::string nmeaTrack() {
   std::string out;
-  auto sentence = [&](const std::string& body) {
-    unsigned sum = 0;
-    for (char c : body) sum ^= static_cast<unsigned char>(c);
-    out += fmt::format("${}*{:02X}\r\n", body, sum);
-  };
+  const auto sentence = [&](const std::string& body) { out += kvtrack::test::nmeaSentence(body, true); };
   for (int i = 0; i < 5; ++i) {
     const std::string time = fmt::format("1200{:02d}.00", i * 10);
     const std::string latitude = fmt::format("4807.{:03d}", 38 + i * 10);
@@ -56,7 +54,14 @@ TEST_F(DeviceCommandsTest, DevicesListsCalloutPortsAndMissingPermission) {
   }
 }
 
-TEST_F(DeviceCommandsTest, DownloadImportsTheTracksIntoTheLibrary) {
+TEST_F(DeviceCommandsTest, DownloadImportsTheTracksAndAFailedOneAddsNothing) {
+  const WayfolioRun failed = run("download --type nmea --device ttyUSB7");
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_NE(failed.err.find("wayfolio: error: the download from ttyUSB7 failed (status 1): gpsbabel: "),
+            std::string::npos)
+      << failed.err;
+  EXPECT_EQ(lineWith(ok("ls"), "Track"), "");
+
   scratch.write("dev/ttyUSB0", nmeaTrack());
   const std::string out = ok("download --type nmea --device ttyUSB0 --into Logger");
   EXPECT_NE(out.find("Downloaded from ttyUSB0: 1 tracks added"), std::string::npos) << out;
@@ -64,31 +69,17 @@ TEST_F(DeviceCommandsTest, DownloadImportsTheTracksIntoTheLibrary) {
   EXPECT_NE(lineWith(ok("tree"), "Logger"), "");
 }
 
-TEST_F(DeviceCommandsTest, FailedDownloadSaysSoAndAddsNothing) {
-  const WayfolioRun result = run("download --type nmea --device ttyUSB7");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("wayfolio: error: the download from ttyUSB7 failed (status 1): gpsbabel: "),
-            std::string::npos)
-      << result.err;
-  EXPECT_EQ(lineWith(ok("ls"), "Track"), "");
-}
-
-TEST_F(DeviceCommandsTest, EraseAsksFirstAndNoLeavesTheLoggerAlone) {
+TEST_F(DeviceCommandsTest, EraseAsksFirstAndOnlyYesReachesTheBridge) {
   const std::string logger = scratch.write("dev/ttyUSB0", nmeaTrack());
   const std::string answer = scratch.write("answer.txt", "n\n");
-  const WayfolioRun result = run("erase --type nmea --device ttyUSB0 < " + word(answer));
-  EXPECT_EQ(result.status, 0);
-  EXPECT_NE(result.err.find("Erase all tracks on ttyUSB0? [y/N] "), std::string::npos);
-  EXPECT_NE(result.out.find("Nothing erased"), std::string::npos);
+  for (const std::string& input : {word(answer), std::string("/dev/null")}) {  // no answer at all counts as no
+    const WayfolioRun result = run("erase --type nmea --device ttyUSB0 < " + input);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.err.find("Erase all tracks on ttyUSB0? [y/N] "), std::string::npos);
+    EXPECT_NE(result.out.find("Nothing erased"), std::string::npos);
+  }
   EXPECT_EQ(ScratchFolder::read(logger), nmeaTrack());
 
-  // No answer at all counts as no.
-  const WayfolioRun silent = run("erase --type nmea --device ttyUSB0 < /dev/null");
-  EXPECT_NE(silent.out.find("Nothing erased"), std::string::npos);
-}
-
-TEST_F(DeviceCommandsTest, EraseWithYesReachesTheBridge) {
-  scratch.write("dev/ttyUSB0", nmeaTrack());
   // gpsbabel cannot erase an NMEA stream: the bridge's refusal comes back.
   const WayfolioRun result = run("erase --yes --type nmea --device ttyUSB0 < /dev/null");
   EXPECT_EQ(result.err.find("[y/N]"), std::string::npos);
@@ -98,23 +89,27 @@ TEST_F(DeviceCommandsTest, EraseWithYesReachesTheBridge) {
       << result.err;
 }
 
-// A logger that never answers: Ctrl-C must end the download at once, with
+// Loggers that never answer: Ctrl-C must end the download at once, with
 // nothing imported. The pty is held here so the port never hangs up by itself.
 TEST_F(DeviceCommandsTest, InterruptCancelsADownloadAndImportsNothing) {
-  kvtrack::test::PtyPair logger;
-  ASSERT_TRUE(logger.valid());
-  std::filesystem::create_symlink(logger.slavePath(), devices() + "ttyUSB0");
-  const std::string errors = scratch.file("stderr.txt");
-  const std::string command =
-      "WAYFOLIO_SETTINGS=" + word(scratch.file("settings.toml")) + " " + word(WAYFOLIO_BINARY) +
-      " --library " + word(library()) + " download --type '*BG728' --device ttyUSB0 2>" +
-      word(errors) + " & pid=$!; sleep 0.5; while kill -INT $pid 2>/dev/null; do sleep 0.2; done; wait $pid";
-  const ShellOutput result = runShellCommandReadingOutput(command);
-  const std::string err = ScratchFolder::read(errors);
-  EXPECT_EQ(result.status, 1) << err;
-  EXPECT_NE(err.find("wayfolio: error: the download from ttyUSB0 was cancelled"), std::string::npos)
-      << err;
-  EXPECT_EQ(lineWith(ok("ls"), "Track"), "");
+  kvtrack::test::PtyPair silentPort;
+  ASSERT_TRUE(silentPort.valid());
+  std::filesystem::create_symlink(silentPort.slavePath(), devices() + "ttyUSB0");
+  const std::vector<std::array<std::string, 3>> loggers{
+      {word(WAYFOLIO_BINARY), "--type '*BG728' --device ttyUSB0", "ttyUSB0"},
+      {"WAYFOLIO_TEST_IGOTU_RECORDS=400 WAYFOLIO_TEST_IGOTU_SILENT_BLOCK=2 " + word(WAYFOLIO_WITH_IGOTU),
+       "--type '*i-gotU'", "the i-gotU"},
+      {"WAYFOLIO_TEST_GNS_RECORDS=10 WAYFOLIO_TEST_GNS_SILENT=1 " + word(WAYFOLIO_WITH_GNS2000),
+       "--type '*GNS2000'", "the GNS 2000"}};
+  for (const auto& [program, type, name] : loggers) {
+    const WayfolioRun result = runInterrupted(program, "download " + type);
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_NE(result.err.find("wayfolio: error: the download from " + name + " was cancelled"), std::string::npos)
+        << result.err;
+  }
+  const std::string listing = ok("ls");
+  EXPECT_EQ(lineWith(listing, "Track"), "") << listing;
+  EXPECT_EQ(lineWith(listing, "May 1, "), "") << listing;
 }
 
 }  // namespace

@@ -20,28 +20,24 @@ class ExchangeTest : public WayfolioTest {
   }
 };
 
-TEST_F(ExchangeTest, AnExportedTrackImportsAsTheSameTrack) {
+// A track, and a folder with all its tracks in one file.
+TEST_F(ExchangeTest, ExportedTracksImportAsTheSameTracks) {
   const std::string file = scratch.file("hike $(touch pwned).gpx");
   ok("export " + word("Bachalpsee hike") + " --gpx " + word(file));
   const std::string other = scratch.file("other library");
-  const WayfolioRun imported = runOn(other, "import " + word(file));
-  EXPECT_THAT(imported.out, HasSubstr("1 tracks added"));
-
+  EXPECT_THAT(runOn(other, "import " + word(file)).out, HasSubstr("1 tracks added"));
   EXPECT_EQ(figures(runOn(other, "show " + word("Bachalpsee hike")).out),
             figures(ok("show " + word("Bachalpsee hike"))));
-  EXPECT_EQ(runOn(other, "points " + word("Bachalpsee hike")).out,
-            ok("points " + word("Bachalpsee hike")));
+  EXPECT_EQ(runOn(other, "points " + word("Bachalpsee hike")).out, ok("points " + word("Bachalpsee hike")));
   EXPECT_FALSE(std::filesystem::exists(scratch.file("pwned")));
-}
 
-TEST_F(ExchangeTest, AFolderExportsAllItsTracksInOneFile) {
   ok("mkdir Switzerland");
   ok("mv " + word("Bachalpsee hike") + " " + word("Lake walk") + " Switzerland");
-  const std::string file = scratch.file("switzerland.gpx");
-  ok("export Switzerland --gpx " + word(file));
-  const WayfolioRun imported = runOn(scratch.file("other"), "import " + word(file));
-  EXPECT_THAT(imported.out, HasSubstr("2 tracks added"));
-  const std::string tree = runOn(scratch.file("other"), "tree").out;
+  const std::string folder = scratch.file("switzerland.gpx");
+  ok("export Switzerland --gpx " + word(folder));
+  const std::string third = scratch.file("third library");
+  EXPECT_THAT(runOn(third, "import " + word(folder)).out, HasSubstr("2 tracks added"));
+  const std::string tree = runOn(third, "tree").out;
   EXPECT_THAT(tree, HasSubstr("Bachalpsee hike"));
   EXPECT_THAT(tree, HasSubstr("Lake walk"));
   EXPECT_THAT(tree, ::testing::Not(HasSubstr("Rhine ride")));

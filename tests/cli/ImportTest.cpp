@@ -25,16 +25,13 @@ TEST_F(ImportTest, ImportsTheExamplesAndListsThemInTheTree) {
   EXPECT_THAT(lineWith(tree, "Rhine ride"), HasSubstr("8.77 km"));
   EXPECT_THAT(lineWith(tree, "Lake walk"), HasSubstr("1.32 km"));  // read through gpsbabel
   EXPECT_EQ(lineCount(tree), 4u);
-}
 
-TEST_F(ImportTest, ImportingTheSameFilesAgainAddsNoTrack) {
-  importExamples();
-  const std::string before = ok("tree");
+  // The same files again add no track.
   const WayfolioRun again = run("import " + word(examples()));
   EXPECT_EQ(again.status, 0);
   EXPECT_THAT(again.out, HasSubstr("Imported 4 files: 0 tracks added, 3 duplicates refused,"));
   EXPECT_THAT(again.out, HasSubstr("0 files failed"));
-  EXPECT_EQ(ok("tree"), before);
+  EXPECT_EQ(ok("tree"), tree);
 }
 
 TEST_F(ImportTest, ImportsIntoAFolderThatIsMadeOnTheWay) {
@@ -50,30 +47,26 @@ TEST_F(ImportTest, ABrokenFileIsReportedWhileTheOthersImport) {
       "broken.gpx",
       "<?xml version=\"1.0\"?>\n<gpx version=\"1.1\"><trk><name>Cut off</name><trkseg>\n"
       "<trkpt lat=\"47.1\" lon=\"8.1\"><time>2024-01-01T10:00:00Z</time></trkpt>\n</trk>\n");
+  const std::string tcx = scratch.write("ride.tcx", "not a training centre file");
   const WayfolioRun result =
       run("import " + word(examples("rhine-ride.gpx")) + " " + word(broken) + " " +
-          word(scratch.file("missing.gpx")) + " " + word(examples("lake-walk.kml")));
+          word(scratch.file("missing.gpx")) + " " + word(examples("lake-walk.kml")) + " " + word(tcx));
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.out, HasSubstr("Imported 2 files: 2 tracks added, 0 duplicates refused, "
-                                    "0 waypoints filed, 2 files failed\n"));
+                                    "0 waypoints filed, 3 files failed\n"));
   EXPECT_THAT(lineWith(result.out, "failed: " + broken),
               HasSubstr("not a readable GPX file: line 4, column 7: Opening and ending tag mismatch"));
   EXPECT_THAT(lineWith(result.out, "failed: " + scratch.file("missing.gpx")),
               HasSubstr("No such file or directory"));
-  EXPECT_EQ(result.err, "wayfolio: error: 2 of 4 files could not be imported\n");
+  // A file gpsbabel cannot read fails with its complaint.
+  EXPECT_THAT(lineWith(result.out, "failed: " + tcx),
+              HasSubstr("gpsbabel could not read " + tcx + " as gtrnctr (status 1): XML Reader"));
+  EXPECT_EQ(result.err, "wayfolio: error: 3 of 5 files could not be imported\n");
 
   const std::string tree = ok("tree");
   EXPECT_THAT(tree, HasSubstr("Rhine ride"));
   EXPECT_THAT(tree, HasSubstr("Lake walk"));
   EXPECT_THAT(tree, Not(HasSubstr("Cut off")));  // a failed file adds nothing
-}
-
-TEST_F(ImportTest, AFileGpsbabelCannotReadFailsWithItsComplaint) {
-  const std::string bad = scratch.write("ride.tcx", "not a training centre file");
-  const WayfolioRun result = run("import " + word(bad));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(lineWith(result.out, "failed: " + bad),
-              HasSubstr("gpsbabel could not read " + bad + " as gtrnctr (status 1): XML Reader"));
 }
 
 TEST_F(ImportTest, HostileFileNamesImportAndNothingIsExecuted) {

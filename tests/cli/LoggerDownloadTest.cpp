@@ -53,9 +53,8 @@ void loadTwoTracks(GT800Emulator& logger) {
   logger.setRecordCount(static_cast<std::uint32_t>(records.size()));
 }
 
-// The BG728 driver reads 64 bytes at a time and a shorter answer waits out
-// the driver's 30-second read time-out. Point answers of exactly 64 bytes are
-// taken at once, so only the time zone and count answers wait.
+// The BG728 driver reads up to a line end or 64 bytes; these point answers
+// are exactly 64 bytes long, so both ends of a read come at once.
 std::vector<BG728Point> bg728Points() {
   std::vector<BG728Point> points{
       {"13:05:09", "031524", "48.13715400", "11.5754900", "519.30"},
@@ -78,52 +77,43 @@ class LoggerDownloadTest : public WayfolioTest {
   PtyPair pty;
 };
 
-TEST_F(LoggerDownloadTest, GT800DownloadAddsBothTracks) {
+TEST_F(LoggerDownloadTest, GT800DownloadAddsBothTracksAndEraseKeepsSectorZero) {
   GT800Emulator logger(pty);
-  loadTwoTracks(logger);
+  logger.putBytes(0, std::vector<std::uint8_t>(64, 0x11));  // the logger's own settings
+  loadTwoTracks(logger);                                     // sector 1
   logger.start();
-  const WayfolioRun result = run("download --type '*i-gotUGT800' --device " + device());
-  logger.stop();
+  WayfolioRun result = run("download --type '*i-gotUGT800' --device " + device());
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find(": 2 tracks added"), std::string::npos) << result.out;
   EXPECT_NE(lineWith(result.out, "(3 points)"), "") << result.out;
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
   EXPECT_NE(lineWith(result.out, "1 points with invalid coordinates skipped"), "") << result.out;
-
   const std::string listing = ok("ls");
   EXPECT_EQ(lineCount(listing), 3u) << listing;  // a heading and the two tracks
   EXPECT_NE(lineWith(listing, "May 17, "), "") << listing;
   EXPECT_NE(lineWith(listing, "May 18, "), "") << listing;
-  EXPECT_EQ(logger.badFrames(), 0);
-}
 
-TEST_F(LoggerDownloadTest, GT800EraseClearsTheDataSectorsAndKeepsSectorZero) {
-  GT800Emulator logger(pty);
-  logger.putBytes(0, std::vector<std::uint8_t>(64, 0x11));  // the logger's own settings
-  loadTwoTracks(logger);                                     // sector 1
-  logger.putBytes(3 * GT800Emulator::kSectorSize, {0x00});   // data up to sector 3
+  logger.putBytes(3 * GT800Emulator::kSectorSize, {0x00});  // data up to sector 3
   logger.setEraseBusyPolls(1);
-  logger.start();
-  const WayfolioRun result = run("erase --type '*i-gotUGT800' --yes --device " + device());
+  result = run("erase --type '*i-gotUGT800' --yes --device " + device());
   logger.stop();
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("Erased the tracks on"), std::string::npos) << result.out;
   EXPECT_EQ(logger.erasedSectors(), (std::vector<std::size_t>{3, 2, 1}));
   EXPECT_EQ(logger.image()[0], 0x11);
+  EXPECT_EQ(logger.badFrames(), 0);
 }
 
-TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrack) {
+TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrackAndEraseClearsIt) {
   const auto points = bg728Points();
   for (std::size_t i = 0; i < points.size(); ++i) {
     ASSERT_EQ(bg728Answer(static_cast<int>(i), points[i]).size(), 64u) << i;
   }
-  // Waits two read time-outs (time zone and count answers): about a minute.
   BG728Emulator logger(pty);
   logger.setPoints(points);
   logger.setTimezone(1);
   logger.start();
-  const WayfolioRun result = run("download --type '*BG728' --device " + device());
-  logger.stop();
+  WayfolioRun result = run("download --type '*BG728' --device " + device());
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find(": 1 tracks added"), std::string::npos) << result.out;
   EXPECT_NE(lineWith(result.out, "(2 points)"), "") << result.out;
@@ -133,17 +123,10 @@ TEST_F(LoggerDownloadTest, BG728DownloadAddsTheTrack) {
   EXPECT_NE(lineWith(listing, "Mar 15, 2024"), "") << listing;
   EXPECT_EQ(logger.requests(),
             (std::vector<std::string>{BG728Emulator::kTimezoneRequest, BG728Emulator::kCountRequest,
-                                      BG728Emulator::pointRequest(0),
-                                      BG728Emulator::pointRequest(1),
+                                      BG728Emulator::pointRequest(0), BG728Emulator::pointRequest(1),
                                       BG728Emulator::pointRequest(2)}));
-}
 
-TEST_F(LoggerDownloadTest, BG728EraseClearsThePoints) {
-  // The delete answer is short, so the erase waits one read time-out (30 s).
-  BG728Emulator logger(pty);
-  logger.setPoints(bg728Points());
-  logger.start();
-  const WayfolioRun result = run("erase --type '*BG728' --yes --device " + device());
+  result = run("erase --type '*BG728' --yes --device " + device());
   logger.stop();
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("Erased the tracks on"), std::string::npos) << result.out;

@@ -58,6 +58,15 @@ class WayfolioTest : public ::testing::Test {
     return {result.status, result.output, ScratchFolder::read(errors)};
   }
   WayfolioRun run(const std::string& arguments) const { return runOn(library(), arguments); }
+  /// Starts the program, then presses Ctrl-C until it ends.
+  WayfolioRun runInterrupted(const std::string& program, const std::string& arguments) const {
+    const std::string errors = scratch.file("stderr.txt");
+    const ShellOutput result = runShellCommandReadingOutput(
+        "WAYFOLIO_SETTINGS=" + word(scratch.file("settings.toml")) + " " + program + " --library " +
+        word(library()) + " " + arguments + " 2>" + word(errors) +
+        " & pid=$!; sleep 1; while kill -INT $pid 2>/dev/null; do sleep 0.2; done; wait $pid");
+    return {result.status, result.output, ScratchFolder::read(errors)};
+  }
 
   /// Runs a command that must succeed; its standard output.
   std::string ok(const std::string& arguments) const {

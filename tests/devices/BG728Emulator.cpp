@@ -1,4 +1,5 @@
 #include "tests/devices/BG728Emulator.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -15,14 +16,10 @@ std::string BG728Emulator::pointRequest(int index) {
 }
 
 std::string BG728Emulator::checksum(const std::string& body) {
-  unsigned char sum = 0;
-  for (const char c : body) sum ^= static_cast<unsigned char>(c);
-  return fmt::format("{:02x}", sum);
+  return fmt::format("{:02x}", nmeaChecksum(body));
 }
 
-std::string BG728Emulator::sentence(const std::string& body) {
-  return "$" + body + "*" + checksum(body) + "\r\n";
-}
+std::string BG728Emulator::sentence(const std::string& body) { return nmeaSentence(body, false); }
 
 BG728Emulator::BG728Emulator(PtyPair& pty) : pty_(pty) {}
 

@@ -35,7 +35,11 @@ class BlueZTest : public ::testing::Test {
 TEST_F(BlueZTest, PairedDevicesComeFromBluetoothd) {
   BlueZStack stack(loop);
   EXPECT_EQ(stack.pairedDevices().reason(), "BlueZ is not running (no bluetoothd on the system D-Bus)");
-
+  {
+    BluetoothdEmulator noAdapter(bus.address(), false, {});
+    ASSERT_TRUE(noAdapter.started());
+    EXPECT_EQ(stack.pairedDevices().reason(), "this machine has no Bluetooth adapter");
+  }
   BluetoothdEmulator daemon(bus.address(), true,
                         {{"/org/bluez/hci0/dev_00_1B_C1_0A_0B_0C", "00:1B:C1:0A:0B:0C", "GNS 2000", true, true},
                          {"/org/bluez/hci0/dev_00_11_22_33_44_55", "00:11:22:33:44:55", "Headset", false},

@@ -1,6 +1,7 @@
 #include "tests/devices/GNS2000Emulator.h"
 
 #include "kvtrack/devices/bluetooth/DescriptorChannel.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -15,18 +16,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string checksum(const std::string& body) {
-  unsigned char sum = 0;
-  for (const char c : body) sum ^= static_cast<unsigned char>(c);
-  return fmt::format("{:02X}", sum);
-}
-
 // The same sentence with its checksum off by one.
-std::string spoiled(const std::string& body) {
-  unsigned char sum = 0;
-  for (const char c : body) sum ^= static_cast<unsigned char>(c);
-  return fmt::format("${}*{:02X}\r\n", body, static_cast<unsigned char>(sum ^ 1));
-}
+std::string spoiled(const std::string& body) { return nmeaSentence(body, true, true); }
 
 template <typename T>
 void put(GNS2000Emulator::Record& record, size_t offset, T value) {
@@ -54,9 +45,7 @@ GNS2000Emulator::Record GNS2000Emulator::emptyRecord() {
   return bytes;
 }
 
-std::string GNS2000Emulator::sentence(const std::string& body) {
-  return "$" + body + "*" + checksum(body) + "\r\n";
-}
+std::string GNS2000Emulator::sentence(const std::string& body) { return nmeaSentence(body, true); }
 
 GNS2000Emulator::~GNS2000Emulator() { detach(); }
 

@@ -1,4 +1,5 @@
 #include "tests/devices/GT800Emulator.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -164,9 +165,7 @@ void GT800Emulator::handle(const std::uint8_t* frame) {
   Fault fault = Fault::kNone;
   {
     std::lock_guard lock(mutex_);
-    std::uint8_t sum = 0;
-    for (int i = 0; i < 16; ++i) sum = static_cast<std::uint8_t>(sum + frame[i]);
-    if (frame[0] != kLead || sum != 0) {
+    if (frame[0] != kLead || frameSum(frame, 16) != 0) {
       ++badFrames_;
       return;  // the logger ignores a garbled frame
     }

@@ -1,4 +1,5 @@
 #include "tests/devices/IGotUEmulator.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <algorithm>
 
@@ -130,9 +131,7 @@ Status IGotUEmulator::receive(std::span<const std::uint8_t> report) {
 }
 
 void IGotUEmulator::handleFrame(const Frame& frame) {
-  std::uint8_t sum = 0;
-  for (std::uint8_t byte : frame) sum = static_cast<std::uint8_t>(sum + byte);
-  if (sum != 0 || frame[0] != 0x93) {
+  if (frameSum(frame, frame.size()) != 0 || frame[0] != 0x93) {
     ++badFrames_;
     return;
   }
