@@ -77,7 +77,28 @@ Status StagedFiles::commit() {
   return status;
 }
 
+namespace {
+
+// A device or pipe (/dev/null, /dev/stdout, a FIFO) as the target: a file
+// renamed over it would replace the device itself, so it is written into.
+bool isSpecialFile(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
+}
+
+Status writeInto(const std::string& path, const StagedFiles::Writer& write) {
+  UniqueFd descriptor = openFile(path, O_WRONLY | O_NOCTTY);
+  if (!descriptor) return systemFailure("write", path);
+  OutputFile file(std::move(descriptor), path);
+  const Status written = write(file);
+  const Status finished = file.finish(false);
+  return written ? finished : written;
+}
+
+}  // namespace
+
 Status replaceFile(const std::string& path, const StagedFiles::Writer& write) {
+  if (isSpecialFile(path)) return writeInto(path, write);
   StagedFiles files;
   Status status = files.stage(path, write);
   return status ? files.commit() : status;

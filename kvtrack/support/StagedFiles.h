@@ -45,7 +45,7 @@ class StagedFiles {
 };
 
 /// One file replaced by a complete one; on failure the old file stays as
-/// it was.
+/// it was. A device or pipe is written into instead (never replaced).
 Status replaceFile(const std::string& path, const StagedFiles::Writer& write);
 /// The same, and "Error writing file: PATH (reason)" logged on failure.
 Status writeFileAtomically(const std::string& path, const StagedFiles::Writer& write);
