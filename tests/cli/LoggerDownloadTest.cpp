@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "tests/cli/WayfolioFixture.h"
+#include "tests/cli/EmulatedLoggerSettings.h"
 #include "tests/devices/BG728Emulator.h"
 #include "tests/devices/GT800Emulator.h"
 #include "tests/devices/PtyPair.h"
@@ -20,13 +21,6 @@ using kvtrack::test::BG728Emulator;
 using kvtrack::test::BG728Point;
 using kvtrack::test::GT800Emulator;
 using kvtrack::test::PtyPair;
-
-int lastYear() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  return local.tm_year + 1900 - 1;
-}
 
 // A GT-800 record on 17 or 18 May last year at 30 s past the minute.
 std::vector<std::uint8_t> gt800Record(std::uint8_t flags, int day, int hour, int minute,

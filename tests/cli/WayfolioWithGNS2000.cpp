@@ -6,6 +6,7 @@
 #include "kvtrack/devices/gns2000/GNS2000.h"
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/support/RunLoop.h"
+#include "tests/cli/EmulatedLoggerSettings.h"
 #include "tests/devices/GNS2000Emulator.h"
 #include "tools/wayfolio/CommandLine.h"
 
@@ -18,22 +19,16 @@
 namespace {
 
 using kvtrack::test::GNS2000Emulator;
+using kvtrack::testing::environmentNumber;
+using kvtrack::testing::lastYear;
 
 int32_t firstOfMayLastYear() {
-  const std::time_t now = std::time(nullptr);
-  std::tm date{};
-  gmtime_r(&now, &date);
   std::tm may{};
-  may.tm_year = date.tm_year - 1;
+  may.tm_year = lastYear() - 1900;
   may.tm_mon = 4;
   may.tm_mday = 1;
   may.tm_hour = 8;
   return static_cast<int32_t>(timegm(&may));
-}
-
-int environmentNumber(const char* name, int fallback) {
-  const char* value = std::getenv(name);
-  return value && *value ? std::atoi(value) : fallback;
 }
 
 }  // namespace

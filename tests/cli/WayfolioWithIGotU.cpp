@@ -5,6 +5,7 @@
 // logger never answers.
 #include "kvtrack/devices/gpsbabel/GPSBabel.h"
 #include "kvtrack/devices/igotu/IGotU.h"
+#include "tests/cli/EmulatedLoggerSettings.h"
 #include "tests/devices/IGotUEmulator.h"
 #include "tools/wayfolio/CommandLine.h"
 
@@ -16,18 +17,8 @@
 namespace {
 
 using kvtrack::test::IGotUEmulator;
-
-int lastYear() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  return local.tm_year + 1900 - 1;
-}
-
-int environmentNumber(const char* name, int fallback) {
-  const char* value = std::getenv(name);
-  return value && *value ? std::atoi(value) : fallback;
-}
+using kvtrack::testing::environmentNumber;
+using kvtrack::testing::lastYear;
 
 }  // namespace
 
