@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,10 +16,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <set>
 
 namespace kvtrack {
 
@@ -194,6 +197,25 @@ std::string copyBeside(const std::string& file) {
       .string();
 }
 
+// Copies left by a run that was killed between exiftool's write and the
+// rename: the photo beside them is whole, the copy is garbage. Only copies
+// of processes that no longer run are removed; a running one may still
+// rename its copy.
+void removeStaleCopies(const fs::path& folder) {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename().string();
+    int pid = 0;
+    unsigned long number = 0;
+    int length = 0;
+    if (std::sscanf(name.c_str(), ".wayfolio-exif-%d-%lu.img%n", &pid, &number, &length) != 2 ||
+        static_cast<size_t>(length) != name.size() || pid <= 0 || pid == ::getpid()) {
+      continue;
+    }
+    if (::kill(pid, 0) != 0 && errno == ESRCH) fs::remove(entry.path(), error);
+  }
+}
+
 }  // namespace
 
 std::string ExifWriter::temporaryFile() {
@@ -343,6 +365,7 @@ std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<
   };
   std::vector<Copy> copies;
   std::vector<std::string> commands, failedPaths;
+  std::set<fs::path> swept;  // folders cleared of stale copies
   for (const PhotoAtPosition& entry : photos) {
     TrackPhoto& photo = *entry.photo;
     TrackPhotos::startAccessingSecurityScopedResource(photo);
@@ -357,6 +380,8 @@ std::vector<std::string> ExifWriter::updateExifForGPSLocation(const std::vector<
       if (failed_ > failedBefore) failedPaths.push_back(photo.originalFilepath());
       continue;
     }
+    const fs::path folder = fs::path(FileHandling::resolveAlias(file)).parent_path();
+    if (swept.insert(folder).second) removeStaleCopies(folder);
     std::string temporary = copyBeside(file);
     commands.push_back(copyCommand(argumentsFor(photo, GPSLocation, locationInformation, addKeywords,
                                                 timeStamps, entry.latitude, entry.longitude,
