@@ -86,26 +86,21 @@ TEST_F(TrackKMLTest, DocumentReadsInGdalAndGpsbabel) {
 
   const std::string text = ScratchFolder::read(path);
   // Styles first, camera style even without photos, then pins, then the line.
-  const auto trackStyle = text.find("<Style id=\"trackstyle\">");
-  const auto cameraStyle = text.find("<Style id=\"camerastyle\">");
-  const auto pinStyle = text.find("<Style id=\"waypointstyle\">");
-  const auto firstPin = text.find("#waypointstyle</styleUrl>");
-  const auto line = text.find("<LineString>");
-  ASSERT_NE(line, std::string::npos);
-  EXPECT_LT(trackStyle, cameraStyle);
-  EXPECT_LT(cameraStyle, pinStyle);
-  EXPECT_LT(pinStyle, firstPin);
-  EXPECT_LT(firstPin, line);
+  size_t last = 0;
+  for (const char* fragment : {"<Style id=\"trackstyle\">", "<Style id=\"camerastyle\">",
+                               "<Style id=\"waypointstyle\">", "#waypointstyle</styleUrl>", "<LineString>"}) {
+    last = text.find(fragment, last);
+    ASSERT_NE(last, std::string::npos) << fragment << " missing or out of order";
+  }
   EXPECT_THAT(text, Not(HasSubstr("#camerastyle")));
   EXPECT_THAT(text, HasSubstr("\t\t\t8.020000,47.020000,-2147483648\n"));
   EXPECT_THAT(text, HasSubstr("\t\t\t8.030000,47.030000,-12\n"));
   EXPECT_THAT(text, HasSubstr("<coordinates>8.005000,47.005000,0</coordinates>"));
 
   const std::string gdal = output("ogrinfo -ro -al -q " + FileHandling::filenameForShell(path));
-  EXPECT_THAT(gdal, HasSubstr("Hut \"Alpha\""));
-  EXPECT_THAT(gdal, HasSubstr("Spring"));
-  EXPECT_THAT(gdal, HasSubstr("Ridge & <Valley>"));
-  EXPECT_THAT(gdal, HasSubstr("LINESTRING"));
+  for (const char* name : {"Hut \"Alpha\"", "Spring", "Ridge & <Valley>", "LINESTRING"}) {
+    EXPECT_THAT(gdal, HasSubstr(name));
+  }
 
   const std::string gpx = scratch.file("ridge.gpx");
   output(fmt::format("gpsbabel -i kml -f {} -o gpx -F {}", FileHandling::filenameForShell(path),
@@ -118,8 +113,7 @@ TEST_F(TrackKMLTest, DocumentReadsInGdalAndGpsbabel) {
 TEST_F(TrackKMLTest, KmzHoldsScaledPhotosNumberedAcrossTheTrack) {
   auto track = sampleTrack();
   const auto points = track->trackPoints();
-  attach(points[0], image("big.jpg", 4000, 3000, {"DateTimeOriginal=2012:05:01 12:00:30",
-                                                   "Make=Testcam"}));
+  attach(points[0], image("big.jpg", 4000, 3000, {"DateTimeOriginal=2012:05:01 12:00:30", "Make=Testcam"}));
   attach(points[0], scratch.file("missing.jpg"));
   attach(points[1], image("small.jpg", 640, 480));
   attach(points[3], image("scan.tif", 800, 600));
@@ -149,8 +143,7 @@ TEST_F(TrackKMLTest, KmzHoldsScaledPhotosNumberedAcrossTheTrack) {
   output(fmt::format("unzip -q {} -d {}", quoted, FileHandling::filenameForShell(unpacked)));
   auto size = [&](const std::string& name) {
     const std::string file = FileHandling::filenameForShell(unpacked + "/" + name);
-    std::string text = output("vipsheader -f width " + file) + "x" +
-                       output("vipsheader -f height " + file);
+    std::string text = output("vipsheader -f width " + file) + "x" + output("vipsheader -f height " + file);
     text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
     return text;
   };
@@ -191,8 +184,9 @@ TEST_F(TrackKMLTest, PlainKmlShowsPhotosFromTheirFiles) {
 
 TEST_F(TrackKMLTest, UnwritableTargetFailsAndKeepsNothingHalfDone) {
   const auto track = sampleTrack();
-  EXPECT_THAT(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kml"), false).reason(),
-              HasSubstr(scratch.file("no/such/x.kml")));
+  EXPECT_THAT(
+      TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kml"), false).reason(),
+      HasSubstr(scratch.file("no/such/x.kml")));
   EXPECT_THAT(TrackKML(track, TrackKMLConfiguration()).exportTo(scratch.file("no/such/x.kmz"), true).reason(),
               HasSubstr("zip"));
   EXPECT_FALSE(std::filesystem::exists(scratch.file("no")));

@@ -31,9 +31,10 @@ GeocacheLogPtr makeLog(std::optional<ISODate> time, const char* geocacher, int32
 // A cache with every field set to a value that differs from the defaults.
 GeocachePtr fullGeocache() {
   auto g = std::make_shared<Geocache>();
-  std::tie(g->name, g->owner, g->locale, g->state, g->country, g->summary, g->description, g->hints, g->license,
-           g->identifier) = std::tuple("Bridge & Tunnel", "Owner O", "de", "Bayern", "Germany", "Short <i>one</i>",
-                                       "<b>Long</b> text", "under the stone", "CC BY", "GC12345");
+  std::tie(g->name, g->owner, g->locale, g->state, g->country, g->summary, g->description, g->hints,
+           g->license, g->identifier) =
+      std::tuple("Bridge & Tunnel", "Owner O", "de", "Bayern", "Germany", "Short <i>one</i>",
+                 "<b>Long</b> text", "under the stone", "CC BY", "GC12345");
   std::tie(g->type, g->container, g->difficulty, g->terrain, g->status) = std::tuple(8, 3, 3.5f, 2.0f, 3);
   g->logs = {makeLog(at("2012-05-01T12:00:00+02:00"), "Finder Fred", 5, "Fixed the lid"),
              makeLog(std::nullopt, "Nobody", 1, "Too many muggles")};
@@ -44,13 +45,15 @@ GeocachePtr fullGeocache() {
 
 // The fields both blocks carry, for comparing what was written with what was read.
 auto fieldsOf(const Geocache& g) {
-  return std::tuple(g.name, g.owner, g.state, g.country, g.type, g.container, g.difficulty, g.terrain, g.summary,
-                    g.description, g.hints, g.status, g.identifier);
+  return std::tuple(g.name, g.owner, g.state, g.country, g.type, g.container, g.difficulty, g.terrain,
+                    g.summary, g.description, g.hints, g.status, g.identifier);
 }
 auto logsOf(const Geocache& g) {
   std::vector<std::tuple<std::optional<ISODate>, std::optional<std::string>, std::optional<std::string>,
-                         std::optional<std::string>, int32_t, std::optional<std::string>>> logs;
-  for (const auto& l : g.logs) logs.emplace_back(l->time, l->geocacher, l->geocacherIdentifier, l->identifier, l->type, l->text);
+                         std::optional<std::string>, int32_t, std::optional<std::string>>>
+      logs;
+  for (const auto& l : g.logs)
+    logs.emplace_back(l->time, l->geocacher, l->geocacherIdentifier, l->identifier, l->type, l->text);
   return logs;
 }
 
@@ -89,24 +92,15 @@ GpxExportConfiguration groundspeakOnly(bool descriptionAsPlainText = false) {
   return configuration;
 }
 
-TEST(GeocachePlainBlock, ChildrenInAFixedOrderWithNamedValuesAndUnsetFieldsLeftOut) {
-  Written w = writeAndRead(fullGeocache());
-  EXPECT_THAT(w.block, HasSubstr("cache status=\"Archived\" id=\"GC12345\">"));
-  EXPECT_THAT(w.block, HasSubstr("<type>Owner Maintenance</type>"));  // the first log's
-  size_t last = 0;
-  for (const char* tag : {"<name>", "<owner>", "<locale>", "<state>", "<country>", "<type>Mystery", "<container>",
-                          "<difficulty>3.5<", "<terrain>2.0<", "<summary>", "<description>", "<hints>",
-                          "<licence>CC BY<", "<logs>"}) {
-    ASSERT_GT(w.block.find(tag), last) << tag << "\n" << w.text;
-    last = w.block.find(tag);
-  }
-
+// What every field looks like in the block is in the kept files
+// (GpxGoldenFilesTest); here what they leave out.
+TEST(GeocachePlainBlock, UnsetFieldsAndUnknownValuesAreLeftOut) {
   auto bare = std::make_shared<Geocache>();
   bare->status = 9;
   bare->identifier = "";
   bare->logs = {makeLog(std::nullopt, "A", 9, "x")};
   bare->logs[0]->identifier = "";
-  w = writeAndRead(bare);
+  const Written w = writeAndRead(bare);
   EXPECT_TRUE(w.block.starts_with("cache>")) << w.text;
   for (const char* present : {"<log>", "<type/>"}) EXPECT_THAT(w.block, HasSubstr(present));
   for (const char* absent : {"<name", "<owner", "<summary", "<description", "<hints", "<licence", "<time"}) {
@@ -133,7 +127,7 @@ TEST(GeocachePlainBlock, ReadsIdentifierFromTheWaypointUrlAndExternalReferences)
   EXPECT_EQ(g.license, "old spelling");
   ASSERT_EQ(g.logs.size(), 2u);
   EXPECT_EQ(g.logs[0]->type, 2);
-  EXPECT_EQ(g.logs[1]->type, 0);  // "found" is not "Found": unchanged
+  EXPECT_EQ(g.logs[1]->type, 0);                                  // "found" is not "Found": unchanged
   EXPECT_FALSE(track->trackPoints()[1]->geocache()->identifier);  // nothing after "cacheid="
 }
 
@@ -146,18 +140,6 @@ TEST(GeocacheGroundspeakBlock, EveryFieldRoundTripsInGroundspeaksTexts) {
   ASSERT_TRUE(w.read);
   EXPECT_EQ(fieldsOf(*w.read), fieldsOf(*cache));
   EXPECT_EQ(logsOf(*w.read), logsOf(*cache));
-  EXPECT_THAT(w.text, ::testing::Not(HasSubstr("<geocache")));
-  for (const std::string& fragment :
-       {std::string("<groundspeak:cache xmlns:groundspeak=\"") + GeocacheGPX::kGroundspeakNamespace +
-            R"(" id="GC12345" available="False" archived="True">)",
-        std::string("<groundspeak:difficulty>3.5</groundspeak:difficulty>"),
-        std::string("<groundspeak:terrain>2</groundspeak:terrain>"),
-        std::string("<groundspeak:type>Mystery/Puzzle Cache</groundspeak:type>"),
-        std::string("<groundspeak:finder id=\"F7\">Finder Fred</groundspeak:finder>"),
-        std::string("<groundspeak:long_description html=\"True\">")}) {
-    EXPECT_THAT(w.text, HasSubstr(fragment));
-  }
-
   // Plain text drops the markup; log types Groundspeak has no text for are written as "Other".
   cache = std::make_shared<Geocache>();
   cache->description = "<p>Look <b>here</b></p>";
@@ -222,8 +204,8 @@ TEST(GeocachePocketQuery, ReadsTheCacheSkipsTravelBugsAndSpotsTheUsersFind) {
   testing::ScratchFolder folder;
   const std::string path = folder.write("pq.gpx", kPocketQuery);
   // The user's own "Found it" marks the cache found; any other user or log type does not.
-  for (const auto& [user, yourLogType] :
-       std::vector<std::pair<const char*, int32_t>>{{"Not In The Logs", 2}, {"Me Myself", 0}, {"Someone", 2}}) {
+  for (const auto& [user, yourLogType] : std::vector<std::pair<const char*, int32_t>>{
+           {"Not In The Logs", 2}, {"Me Myself", 0}, {"Someone", 2}}) {
     UserDefaults::singleton().setStringForKey(UserDefaults::kGeocachingComUserName, user);
     auto track = Track::track();
     ASSERT_TRUE(TrackGPX(track).importFrom(path));

@@ -1,4 +1,5 @@
-// Files written by gpsbabel: GPX 1.0 and 1.1, routes and waypoint-only files.
+// Files written by gpsbabel in GPX 1.0 and 1.1. Routes and waypoint-only
+// files are read in GpxReaderTest and GeocacheGpxTest (the pocket query).
 #include "kvtrack/formats/gpx/TrackGPX.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/FileHandling.h"
@@ -12,12 +13,11 @@ namespace {
 using testing::ScratchFolder;
 
 // Lets gpsbabel rewrite a GPX file in the given output variant.
-std::string throughGpsbabel(const ScratchFolder& folder, const std::string& input,
-                            const std::string& output, const std::string& options) {
+std::string throughGpsbabel(const ScratchFolder& folder, const std::string& input, const std::string& output,
+                            const std::string& options) {
   const std::string target = folder.file(output);
-  const int status = runShellCommand(
-      "gpsbabel -t -r -w -i gpx -f " + FileHandling::filenameForShell(input) + " -o gpx" +
-      options + " -F " + FileHandling::filenameForShell(target));
+  const int status = runShellCommand("gpsbabel -t -r -w -i gpx -f " + FileHandling::filenameForShell(input) +
+                                     " -o gpx" + options + " -F " + FileHandling::filenameForShell(target));
   EXPECT_EQ(status, 0);
   return target;
 }
@@ -64,33 +64,7 @@ TEST_P(GpsbabelFiles, TrackWaypointsAndSegmentsReadBack) {
   EXPECT_NEAR(track->length(), 0.18, 0.02);
 }
 
-INSTANTIATE_TEST_SUITE_P(Versions, GpsbabelFiles,
-                         ::testing::Values(",gpxver=1.0", ",gpxver=1.1"));
-
-TEST(ForeignFiles, GpsbabelRouteAndWaypointOnlyFiles) {
-  ScratchFolder folder;
-  const std::string route = folder.write("route.gpx", R"(<?xml version="1.0"?>
-<gpx version="1.1" creator="hand" xmlns="http://www.topografix.com/GPX/1/1">
-  <rte><name>Tour</name><rtept lat="46.1" lon="7.1"><name>Start</name></rtept>
-  <rtept lat="46.2" lon="7.2"><name>End</name></rtept></rte></gpx>)");
-  auto track = Track::track();
-  ASSERT_TRUE(TrackGPX(track).importFrom(throughGpsbabel(folder, route, "r10.gpx", ",gpxver=1.0")));
-  ASSERT_EQ(track->trackPoints().size(), 2u);
-  EXPECT_TRUE(track->trackPoints()[1]->isWayPoint());
-  EXPECT_EQ(track->trackPoints()[1]->name(), "End");
-
-  const std::string waypoints = folder.write("wpts.gpx", R"(<?xml version="1.0"?>
-<gpx version="1.1" creator="hand" xmlns="http://www.topografix.com/GPX/1/1">
-  <wpt lat="46.5" lon="7.5"><name>Hut</name><cmt>beds</cmt></wpt>
-  <wpt lat="46.6" lon="7.6"><name>Lake</name></wpt></gpx>)");
-  auto places = Track::track();
-  ASSERT_TRUE(TrackGPX(places).importFrom(throughGpsbabel(folder, waypoints, "w11.gpx", "")));
-  ASSERT_EQ(places->trackPoints().size(), 2u);
-  EXPECT_TRUE(places->trackPoints()[0]->isWayPoint());
-  EXPECT_EQ(places->trackPoints()[0]->comment(), "beds");
-  places->updateProperties();
-  EXPECT_EQ(places->type(), Track::kPlaceCollection);
-}
+INSTANTIATE_TEST_SUITE_P(Versions, GpsbabelFiles, ::testing::Values(",gpxver=1.0", ",gpxver=1.1"));
 
 }  // namespace
 }  // namespace kvtrack

@@ -32,8 +32,7 @@ TEST(ElevationFigures, TenMetreHysteresisNaNGapsAndCaching) {
   };
   EXPECT_EQ(climbOf({100, 105, 111, 104, 120}), (std::vector<double>{11, 0, 100, 120}));
   EXPECT_EQ(climbOf({100, 110, 105}), (std::vector<double>{0, 0, 100, 110}));  // 10 m is noise
-  EXPECT_EQ(climbOf({500, 489.5, 489, 478, kNoElevation, 478, 520}),
-            (std::vector<double>{42, 22, 478, 520}));
+  EXPECT_EQ(climbOf({500, 489.5, 489, 478, kNoElevation, 478, 520}), (std::vector<double>{42, 22, 478, 520}));
   std::vector<double> slow;  // a slow climb counts in steps of just over 10 m
   for (int i = 0; i <= 50; ++i) slow.push_back(1000 + i * 0.7);
   EXPECT_NEAR(climbOf(slow)[0], 31.5, 1e-9);  // three steps of 10.5 m; the last 3.5 m never count
@@ -105,7 +104,7 @@ TEST(Speeds, OneKilometreInOneMinuteIsSixtyKmhAndDirtyTracksDropTheRange) {
   auto a = addPoint(track, 0, 0, "2012-05-01T10:00:00Z");
   const double oneKm = 180.0 / (6371.0 * std::numbers::pi);  // north on the 6371 km sphere
   auto b = addPoint(track, oneKm, 0, "2012-05-01T10:01:00Z");
-  track.updateAll();  // the track is dirty from the edits...
+  track.updateAll();                          // the track is dirty from the edits...
   EXPECT_TRUE(std::isnan(track.maxSpeed()));  // ...so the getter recomputes and drops the range
   EXPECT_TRUE(std::isnan(track.minSpeed()));
   track.setIsDirty(false);
@@ -123,15 +122,13 @@ TEST(Speeds, DenseSamplingIsSmoothedOverTheMinimumInterval) {
   track.updateSpeeds();
   const auto p = track.trackPoints();
   const auto speedOver = [&](int from, int to) {
-    return p[from]->distanceToTrackPoint(*p[to]) / (p[to]->time()->timeIntervalSinceDate(*p[from]->time())) * 3600;
+    return p[from]->distanceToTrackPoint(*p[to]) / (p[to]->time()->timeIntervalSinceDate(*p[from]->time())) *
+           3600;
   };
   EXPECT_EQ(p[0]->speed(), 0.0);
   EXPECT_EQ(p[1]->speed(), 0.0);   // the last speed, written while the reference is the first point
   EXPECT_EQ(p[2]->speed(), -1.0);  // never written
-  EXPECT_DOUBLE_EQ(p[3]->speed(), speedOver(1, 3));
-  EXPECT_DOUBLE_EQ(p[4]->speed(), speedOver(2, 4));
-  EXPECT_DOUBLE_EQ(p[5]->speed(), speedOver(3, 5));
-  EXPECT_DOUBLE_EQ(p[6]->speed(), speedOver(4, 6));
+  for (int i = 3; i < 7; ++i) EXPECT_DOUBLE_EQ(p[i]->speed(), speedOver(i - 2, i)) << i;
 }
 
 TEST(Speeds, ShortLastIntervalRepeatsTheLastSpeedAndPreferenceWidensTheSpan) {
