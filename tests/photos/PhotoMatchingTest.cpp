@@ -30,25 +30,32 @@ std::vector<std::string> pathsOn(const TrackPoint& point) {
 
 class PhotoMatchingTest : public testing::PhotoFolderTest {};
 
-TEST_F(PhotoMatchingTest, ReadsTheCameraClockInTheTracksZone) {
-  // 08:00 to 09:00 UTC recorded at +02:00; the camera says 10:30, and the
-  // zone written in the file is ignored.
+TEST_F(PhotoMatchingTest, ReadsTheCameraClockInTheTracksZoneAndAttachesOnceInPathOrder) {
+  // 08:00 to 09:00 UTC recorded at +02:00, a point a minute; the camera says
+  // 10:30, and the zone written in the file is ignored.
   auto track = walk("Hike", 61, "2012-05-01T10:00:00+02:00");
   const auto path = photo("a.jpg", "2012:05:01 10:30:00", {"OffsetTimeOriginal=-05:00"});
+  const std::string clock = "2012:05:01 10:45:10";
+  const auto b = photo("b.jpg", clock), upperA = photo("A.jpg", clock), c = photo("c.jpg", clock);
   FoundPhotos found;
-  EXPECT_EQ(importPhotos(*track, {path}, 0, &found), 1);
+  EXPECT_EQ(importPhotos(*track, {b, path, upperA, c}, 0, &found), 4);
   const auto& point = track->trackPoints()[30];
   ASSERT_EQ(pathsOn(*point), std::vector<std::string>{"a.jpg"});
-  const TrackPhoto& attached = *point->getFirstPhoto();
-  EXPECT_EQ(attached.trackPoint(), point.get());
-  EXPECT_EQ(attached.storedTimeOfPhoto(), at("2012-05-01T10:30:00+02:00"));
+  EXPECT_EQ(point->getFirstPhoto()->trackPoint(), point.get());
+  EXPECT_EQ(point->getFirstPhoto()->storedTimeOfPhoto(), at("2012-05-01T10:30:00+02:00"));
   EXPECT_EQ(found.at(path), track);
-  EXPECT_TRUE(track->isDirty());
-  EXPECT_EQ(track->photoCount(), 1);
-}
+  EXPECT_EQ(track->photoCount(), 4);
+  EXPECT_EQ(pathsOn(*track->trackPoints()[45]), (std::vector<std::string>{"A.jpg", "b.jpg", "c.jpg"}));
 
-TEST_F(PhotoMatchingTest, TheLimitCountsWholeSecondsAndRejectsItsOwnValue) {
-  auto track = walk("Hike", 3, "2012-05-01T10:00:00Z");  // points at :00, :01, :02
+  // Again: attached only once, but counted and found every time.
+  track->setIsDirty(false);
+  FoundPhotos again;
+  EXPECT_EQ(importPhotos(*track, {b}, 0, &again), 1);
+  EXPECT_EQ(track->trackPoints()[45]->trackPhotos().size(), 3u);
+  EXPECT_EQ(again.count(b), 1u);
+  EXPECT_TRUE(track->isDirty());
+
+  // The limit counts whole seconds and rejects its own value.
   const auto away29 = photo("29.jpg", "2012:05:01 10:00:29");
   const auto away30 = photo("30.jpg", "2012:05:01 10:00:30");  // the tie goes to 10:01
   const auto before = photo("before.jpg", "2012:05:01 09:59:59");
@@ -58,22 +65,6 @@ TEST_F(PhotoMatchingTest, TheLimitCountsWholeSecondsAndRejectsItsOwnValue) {
   EXPECT_EQ(pathsOn(*track->trackPoints()[1]), std::vector<std::string>{"30.jpg"});
   // No limit: anything within the span, but never a photo before the track.
   EXPECT_EQ(importPhotos(*track, {before}, 0, nullptr), 0);
-}
-
-TEST_F(PhotoMatchingTest, AttachesInPathOrderAndOnlyOnceButCountsEveryTime) {
-  auto track = walk("Hike", 2, "2012-05-01T10:00:00Z");
-  const std::string clock = "2012:05:01 10:00:10";
-  const auto b = photo("b.jpg", clock), upperA = photo("A.jpg", clock), c = photo("c.jpg", clock);
-  EXPECT_EQ(importPhotos(*track, {b, upperA, c}, 0, nullptr), 3);
-  const TrackPoint& point = *track->trackPoints()[0];
-  EXPECT_EQ(pathsOn(point), (std::vector<std::string>{"A.jpg", "b.jpg", "c.jpg"}));
-
-  track->setIsDirty(false);
-  FoundPhotos found;
-  EXPECT_EQ(importPhotos(*track, {b}, 0, &found), 1);
-  EXPECT_EQ(point.trackPhotos().size(), 3u);
-  EXPECT_EQ(found.count(b), 1u);
-  EXPECT_TRUE(track->isDirty());
 }
 
 TEST_F(PhotoMatchingTest, OutsidePhotosGetNewPointsAtTheEnds) {
@@ -107,8 +98,8 @@ TEST_F(PhotoMatchingTest, OutsidePhotosGetNewPointsAtTheEnds) {
 
 TEST_F(PhotoMatchingTest, PlaceNamesComeFromTheFileWithTheSideFileWinning) {
   auto track = walk("Hike", 2, "2012-05-01T10:00:00Z");
-  const auto path = photo("p.jpg", "2012:05:01 10:00:00",
-                          {"IPTC:City=Bern", "IPTC:Country-PrimaryLocationName=Schweiz"});
+  const auto path =
+      photo("p.jpg", "2012:05:01 10:00:00", {"IPTC:City=Bern", "IPTC:Country-PrimaryLocationName=Schweiz"});
   ASSERT_TRUE(testing::writeTags(scratch.file("p.xmp"), {"XMP:City=Thun"}));
   ASSERT_EQ(importPhotos(*track, {path}, 0, nullptr), 1);
   const TrackPhoto& attached = *findFirstPhoto(*track);
@@ -152,8 +143,8 @@ TEST_F(LibraryMatchingTest, ConvertsTheCameraClockWithEachCandidateTracksZone) {
   std::vector<TrackPtr> foundTracks;
   int withoutTrack = 0;
   const int32_t attached =
-      importPhotosToAllTracks(*library, {inZurich, inNewYork, nowhere, scratch.file("gone.jpg")},
-                              &found, &foundTracks, [&] { ++withoutTrack; });
+      importPhotosToAllTracks(*library, {inZurich, inNewYork, nowhere, scratch.file("gone.jpg")}, &found,
+                              &foundTracks, [&] { ++withoutTrack; });
   EXPECT_EQ(attached, 2);
   EXPECT_EQ(withoutTrack, 1);  // the missing file has no time and is not reported
   EXPECT_EQ(foundTracks, (std::vector<TrackPtr>{zurich, newYork}));
@@ -174,7 +165,7 @@ TEST_F(LibraryMatchingTest, ConvertsTheCameraClockWithEachCandidateTracksZone) {
 }
 
 TEST_F(PhotoMatchingTest, FindsItsFileAgainThroughBookmarkAndRenditions) {
-  const auto moved = photo("moved.jpg", "");
+  const auto moved = scratch.write("moved.jpg", "jpeg");
   TrackPhoto record(scratch.file("old place.jpg"));
   record.setBase64Bookmark(base64Encode(moved));
   EXPECT_EQ(TrackPhotos::filepath(record), moved);
@@ -184,8 +175,8 @@ TEST_F(PhotoMatchingTest, FindsItsFileAgainThroughBookmarkAndRenditions) {
   // An iPhoto library keeps masters and previews, often of another extension.
   fs::create_directories(scratch.path() / "Masters/2012");
   fs::create_directories(scratch.path() / "Previews/2012");
-  const auto master = photo("Masters/2012/IMG_1.JPG", "");
-  const auto preview = photo("Previews/2012/IMG_1.jpg", "");
+  const auto master = scratch.write("Masters/2012/IMG_1.JPG", "jpeg");
+  const auto preview = scratch.write("Previews/2012/IMG_1.jpg", "jpeg");
   TrackPhoto inLibrary(master);
   EXPECT_EQ(TrackPhotos::iPhotoOtherFilepath(inLibrary), preview);
   EXPECT_EQ(TrackPhotos::updateiPhotoPreviewPaths({preview, moved}),
@@ -211,34 +202,13 @@ class FolderSynchronizer : public ICloudSynchronizer {
   std::string folder_;
 };
 
-// A sandbox whose bookmarks have all gone stale.
-class StaleSandbox : public KvSandbox {
- public:
-  std::optional<std::string> urlForBase64Bookmark(const std::string& bookmark,
-                                                  bool& stale) override {
-    auto url = KvSandbox::urlForBase64Bookmark(bookmark, stale);
-    stale = true;
-    return url;
-  }
-  std::string base64bookmarkForFile(const std::string& path) override { return "renewed:" + path; }
-};
-
-TEST_F(PhotoMatchingTest, HostHooksRenewBookmarksAndServeSynchronisedCopies) {
-  const auto moved = photo("moved.jpg", "");
-  TrackPhoto record(scratch.file("gone.jpg"));
-  record.setBase64Bookmark(base64Encode(moved));
-  KvSandbox::setSingleton(std::make_shared<StaleSandbox>());
-  EXPECT_TRUE(record.updatePathFromBookmark());
-  KvSandbox::setSingleton(nullptr);
-  EXPECT_EQ(record.base64Bookmark(), "renewed:" + moved);
-  EXPECT_EQ(record.originalFilepath(), moved);
-
+TEST_F(PhotoMatchingTest, SynchronisedCopiesAreServedAndDeletedThroughTheHost) {
   Track track;
   auto point = testing::addPoint(track, 47.0, 8.0);
   auto synced = TrackPhoto::trackPhotoWithFilepath(scratch.file("elsewhere.jpg"));
   point->addTrackPhoto(synced);
   synced->setICloudId("ID1");
-  const auto copy = photo("ID1.jpg", ""), thumbnail = photo("ID1-small.jpg", "");
+  const auto copy = scratch.write("ID1.jpg", "jpeg"), thumbnail = scratch.write("ID1-small.jpg", "jpeg");
   KvPreferences& preferences = KvPreferences::singleton();
   preferences.setICloudSynchronizer(std::make_shared<FolderSynchronizer>(scratch.path().string()));
   EXPECT_EQ(TrackPhotos::filepath(*synced), scratch.file("elsewhere.jpg"));  // iCloud is off
@@ -257,20 +227,17 @@ TEST(PhotoInterpolationTest, LinearBetweenTwoPointsAndZeroOutside) {
   Track track;
   auto p = testing::addPoint(track, 47.0, 8.0, "2012-05-01T10:00:00Z", 400);
   auto n = testing::addPoint(track, 48.0, 10.0, "2012-05-01T10:01:40Z", 500);
-  double lon = 0, lat = 0, ele = 0;
-  EXPECT_TRUE(TrackPhotos::interpolateForDate(at("2012-05-01T10:00:25Z"), p.get(), n.get(), lon,
-                                              lat, ele));
-  EXPECT_DOUBLE_EQ(lat, 47.25);
-  EXPECT_DOUBLE_EQ(lon, 8.5);
-  EXPECT_DOUBLE_EQ(ele, 425);
-  EXPECT_TRUE(TrackPhotos::interpolateForDate(at("2012-05-01T10:01:40Z"), p.get(), n.get(), lon,
-                                              lat, ele));
-  EXPECT_DOUBLE_EQ(lat, 48.0);
-  EXPECT_FALSE(TrackPhotos::interpolateForDate(at("2012-05-01T10:02:00Z"), p.get(), n.get(), lon,
-                                               lat, ele));
-  EXPECT_EQ(lat, 0.0);
-  EXPECT_FALSE(TrackPhotos::interpolateForDate(at("2012-05-01T10:00:00Z"), p.get(), p.get(), lon,
-                                               lat, ele));
+  // Time, the second point, found, latitude, longitude, elevation.
+  const std::tuple<const char*, TrackPoint*, bool, double, double, double> cases[] = {
+      {"2012-05-01T10:00:25Z", n.get(), true, 47.25, 8.5, 425},
+      {"2012-05-01T10:01:40Z", n.get(), true, 48.0, 10.0, 500},
+      {"2012-05-01T10:02:00Z", n.get(), false, 0, 0, 0},
+      {"2012-05-01T10:00:00Z", p.get(), false, 0, 0, 0}};
+  for (const auto& [time, next, found, latitude, longitude, elevation] : cases) {
+    double lon = -1, lat = -1, ele = -1;
+    EXPECT_EQ(TrackPhotos::interpolateForDate(at(time), p.get(), next, lon, lat, ele), found) << time;
+    EXPECT_EQ(std::tuple(lat, lon, ele), std::tuple(latitude, longitude, elevation)) << time;
+  }
 }
 
 }  // namespace

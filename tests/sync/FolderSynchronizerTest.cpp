@@ -1,11 +1,11 @@
 // The mirror in a sync folder: files other programs read, photos copied
 // and never moved, and a folder that went away left alone.
-#include "kvtrack/sync/FolderSynchronizer.h"
-#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
 #include "kvtrack/support/ExternalProgram.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
+#include "kvtrack/sync/FolderSynchronizer.h"
+#include "kvtrack/sync/TrackICloudMetadata.h"
 #include "tests/library/LibraryTestSupport.h"
 
 #include <gmock/gmock.h>
@@ -43,8 +43,7 @@ class FolderSynchronizerTest : public LibraryTest {
 
   ScratchFolder elsewhere;
   const std::string mirror = elsewhere.file("mirror");
-  const std::shared_ptr<FolderSynchronizer> synchronizer =
-      std::make_shared<FolderSynchronizer>(mirror);
+  const std::shared_ptr<FolderSynchronizer> synchronizer = std::make_shared<FolderSynchronizer>(mirror);
 };
 
 TEST_F(FolderSynchronizerTest, SavingMirrorsTheTrackAsGzipAndRecord) {
@@ -68,24 +67,7 @@ TEST_F(FolderSynchronizerTest, SavingMirrorsTheTrackAsGzipAndRecord) {
   EXPECT_TRUE(synchronizer->records().empty());
 }
 
-TEST_F(FolderSynchronizerTest, VanishedFolderIsNeitherWrittenNorMadeAgain) {
-  const auto track = mirroredTrack();
-  const auto photo = TrackPhoto::trackPhotoWithFilepath(folder.write("IMG_1.JPG", "jpeg"));
-  track->trackPoints().front()->addTrackPhoto(photo);
-  fs::remove_all(mirror);
-  LogCapture capture;
-  ASSERT_TRUE(library->syncToDisk());  // the library saves all the same
-  EXPECT_FALSE(synchronizer->writeTrack(*track));
-  TrackICloud::movePhotosToiCloud(*track);
-  EXPECT_FALSE(fs::exists(mirror));
-  EXPECT_TRUE(capture.contains("sync folder " + mirror + " is not there: track Walk not mirrored"));
-  EXPECT_EQ(track->iCloudTimestamp(), 0.0);
-  EXPECT_FALSE(photo->iCloudId());
-  EXPECT_EQ(photo->originalFilepath(), folder.file("IMG_1.JPG"));
-  EXPECT_FALSE(track->isDirty());
-}
-
-TEST_F(FolderSynchronizerTest, PhotosAreCopiedNeverMovedAndRequestedThumbnailsFirst) {
+TEST_F(FolderSynchronizerTest, PhotosAreCopiedNeverMovedAndAVanishedFolderIsLeftAlone) {
   const auto track = mirroredTrack();
   const std::string original = folder.write("IMG_1.JPG", std::string("\xFF\xD8jpeg\0bytes", 12));
   const auto taken = TrackPhoto::trackPhotoWithFilepath(original);
@@ -97,8 +79,8 @@ TEST_F(FolderSynchronizerTest, PhotosAreCopiedNeverMovedAndRequestedThumbnailsFi
   ASSERT_TRUE(library->syncToDisk());
 
   TrackICloud::movePhotosToiCloud(*track);
-  EXPECT_EQ(kept->iCloudId(), "KEEP");
-  EXPECT_EQ(kept->originalFilepath(), keptFile);
+  EXPECT_EQ(std::tuple(kept->iCloudId(), kept->originalFilepath()),
+            std::tuple(std::optional<std::string>("KEEP"), keptFile));
   ASSERT_TRUE(taken->iCloudId());
   EXPECT_EQ(taken->originalFilepath(), "");
   EXPECT_TRUE(track->isDirty());
@@ -119,6 +101,22 @@ TEST_F(FolderSynchronizerTest, PhotosAreCopiedNeverMovedAndRequestedThumbnailsFi
   EXPECT_THAT(capture.lines(),
               ::testing::ElementsAre(missing("/thumbnails/" + *taken->iCloudId() + ".jpg"),
                                      missing("/thumbnails/KEEP.jpg"), missing("/photos/KEEP")));
+
+  // A sync folder that went away is neither written nor made again, and
+  // photos stay where they are.
+  const auto later = TrackPhoto::trackPhotoWithFilepath(folder.write("IMG_2.JPG", "jpeg"));
+  track->trackPoints()[2]->addTrackPhoto(later);
+  track->setName("Walk on");
+  const double stamp = track->iCloudTimestamp();
+  fs::remove_all(mirror);
+  ASSERT_TRUE(library->syncToDisk());  // the library saves all the same
+  EXPECT_FALSE(synchronizer->writeTrack(*track));
+  TrackICloud::movePhotosToiCloud(*track);
+  EXPECT_FALSE(fs::exists(mirror));
+  EXPECT_EQ(track->iCloudTimestamp(), stamp);
+  EXPECT_EQ(std::tuple(later->iCloudId(), later->originalFilepath()),
+            std::tuple(std::optional<std::string>(), folder.file("IMG_2.JPG")));
+  EXPECT_FALSE(track->isDirty());
 }
 
 }  // namespace
