@@ -401,12 +401,14 @@ TEST_F(ExifWriterTest, OtherFormatsGetASideFileByRawFileMode) {
 TEST_F(ExifWriterTest, ABatchWritesEveryPhotoButTheOnesExiftoolCannotWrite) {
   const std::string broken = "\xFF\xD8\xFF\xE1 not really a JPEG";
   const auto old = fs::file_time_type::clock::now() - std::chrono::hours(24 * 400);
+  const std::string alone = photo("alone.jpg", "2012:05:01 10:30:00");
   std::vector<PhotoAtPosition> batch;
   for (int i = 0; i < 9; ++i) {
     const bool bad = i == 4 || i == 6;
-    const std::string path = bad ? scratch.write(fmt::format("bad{}.jpg", i), broken)
-                                 : photo(fmt::format("p{}.jpg", i), "2012:05:01 10:30:00");
-    if (!bad) fs::last_write_time(path, old);
+    const std::string path = scratch.file((bad ? "bad" : "p") + std::to_string(i) + ".jpg");
+    if (bad) scratch.write(fs::path(path).filename(), broken);
+    if (!bad) fs::copy_file(alone, path);
+    fs::last_write_time(path, old);
     batch.push_back({attached(path, 46.0 + i, -7.0 - i, 100.0 * i), 46.0 + i, -7.0 - i, 100.0 * i});
   }
   ExifWriter writer;
@@ -424,7 +426,6 @@ TEST_F(ExifWriterTest, ABatchWritesEveryPhotoButTheOnesExiftoolCannotWrite) {
     EXPECT_EQ(fs::last_write_time(path), old);
   }
   // The very bytes one photo at a time gives, with its modification time kept.
-  const std::string alone = photo("alone.jpg", "2012:05:01 10:30:00");
   fs::last_write_time(alone, old);
   ExifWriter one;
   one.updateExifForGPSLocation(*batch[8].photo, true, false, false, false, alone, true, 54.0, -15.0, 800.0);
