@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <optional>
 
 namespace kvtrack::test {
@@ -72,14 +72,10 @@ std::string BG728Emulator::answerBody(const std::string& request, bool wrongInde
   // The logger reads the index of a point request and ignores its checksum.
   constexpr std::string_view prefix = "$BG728,0,17,";
   if (request.rfind(prefix, 0) != 0) return {};
-  const std::size_t star = request.find('*');
-  if (star == std::string::npos) return {};
-  const std::string digits = request.substr(prefix.size(), star - prefix.size());
-  if (digits.empty() || !std::all_of(digits.begin(), digits.end(),
-                                     [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
-    return {};
-  }
-  std::size_t index = std::stoul(digits);
+  std::size_t index = 0;
+  const char* const end = request.data() + request.size();
+  const auto [after, error] = std::from_chars(request.data() + prefix.size(), end, index);
+  if (error != std::errc() || after == end || *after != '*') return {};
   if (wrongIndex) ++index;
   if (index >= points_.size()) return {};
   const BG728Point& p = points_[index];
