@@ -46,16 +46,6 @@ GNS2000Emulator::Record GNS2000Emulator::emptyRecord() {
 
 GNS2000Emulator::~GNS2000Emulator() { detach(); }
 
-void GNS2000Emulator::setRecords(std::vector<Record> records) {
-  std::lock_guard lock(mutex_);
-  records_ = std::move(records);
-}
-
-void GNS2000Emulator::setMisbehaviour(const Misbehaviour& misbehaviour) {
-  std::lock_guard lock(mutex_);
-  misbehaviour_ = misbehaviour;
-}
-
 void GNS2000Emulator::attach(UniqueFd descriptor) {
   detach();
   descriptor_ = std::move(descriptor);

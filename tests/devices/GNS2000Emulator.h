@@ -61,9 +61,9 @@ class GNS2000Emulator {
   GNS2000Emulator(const GNS2000Emulator&) = delete;
   GNS2000Emulator& operator=(const GNS2000Emulator&) = delete;
 
-  void setRecords(std::vector<Record> records);
+  void setRecords(std::vector<Record> records) { lockedSet(mutex_, records_, std::move(records)); }
   void setRecordsPerSentence(size_t count) { recordsPerSentence_ = count; }
-  void setMisbehaviour(const Misbehaviour& misbehaviour);
+  void setMisbehaviour(const Misbehaviour& misbehaviour) { lockedSet(mutex_, misbehaviour_, misbehaviour); }
 
   /// Starts talking on the descriptor (a new channel replaces the old one).
   void attach(UniqueFd descriptor);

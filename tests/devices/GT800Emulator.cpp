@@ -63,16 +63,6 @@ void GT800Emulator::putBytes(std::size_t address, const std::vector<std::uint8_t
   }
 }
 
-void GT800Emulator::setRecordCount(std::uint32_t count) {
-  std::lock_guard lock(mutex_);
-  recordCount_ = count;
-}
-
-void GT800Emulator::setEraseBusyPolls(int polls) {
-  std::lock_guard lock(mutex_);
-  eraseBusyPolls_ = polls;
-}
-
 void GT800Emulator::run() {
   std::vector<std::uint8_t> pending;
   std::uint8_t chunk[512];

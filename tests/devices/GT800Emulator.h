@@ -73,9 +73,9 @@ class GT800Emulator {
   void putRecord(std::size_t index, const std::vector<std::uint8_t>& record);
   void putBytes(std::size_t address, const std::vector<std::uint8_t>& bytes);
   /// Number of records the count command reports.
-  void setRecordCount(std::uint32_t count);
+  void setRecordCount(std::uint32_t count) { lockedSet(mutex_, recordCount_, count); }
   /// Status reads answering "busy" after each erase before it is done.
-  void setEraseBusyPolls(int polls);
+  void setEraseBusyPolls(int polls) { lockedSet(mutex_, eraseBusyPolls_, polls); }
 
   std::vector<std::uint8_t> image() const { return lockedCopy(mutex_, flash_); }
   /// Sectors erased, in the order of the erase commands.

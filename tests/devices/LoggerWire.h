@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -57,6 +58,13 @@ std::vector<std::uint8_t> packedRecord(const Fix& fix, std::size_t elevationAt) 
   put32(16, fix.longitude);
   r[29] = fix.satellites;
   return r;
+}
+
+/// Changes an emulator's state under its lock.
+template <typename T>
+void lockedSet(std::mutex& mutex, T& target, T value) {
+  std::lock_guard lock(mutex);
+  target = std::move(value);
 }
 
 /// A copy of an emulator's state, taken under its lock.
