@@ -56,35 +56,21 @@ void showAlert(const std::string& message) {
 }
 
 int32_t bigEndian32(const uint8_t* bytes) {
-  const uint32_t value = (uint32_t{bytes[0]} << 24) | (uint32_t{bytes[1]} << 16) | (uint32_t{bytes[2]} << 8) |
-                         uint32_t{bytes[3]};
+  const uint32_t value = (uint32_t{bytes[0]} << 24) | (uint32_t{bytes[1]} << 16) |
+                         (uint32_t{bytes[2]} << 8) | uint32_t{bytes[3]};
   return static_cast<int32_t>(value);
 }
 
 std::string describe(const ZtSerialError& error, size_t asked) {
   std::string text;
   switch (error.code) {
-    case ZtSerialErrorTimeout:
-      text = "time-out";
-      break;
-    case ZtSerialErrorFatal:
-      text = "the line failed or hung up";
-      break;
-    case ZtSerialErrorBufferFull:
-      text = "buffer full";
-      break;
-    case ZtSerialErrorNothingToWrite:
-      text = "nothing to write";
-      break;
-    case ZtSerialErrorShortWrite:
-      text = "short write";
-      break;
-    case ZtSerialErrorNone:
-      text = "incomplete";
-      break;
-    default:
-      text = "failure";
-      break;
+    case ZtSerialErrorTimeout: text = "time-out"; break;
+    case ZtSerialErrorFatal: text = "the line failed or hung up"; break;
+    case ZtSerialErrorBufferFull: text = "buffer full"; break;
+    case ZtSerialErrorNothingToWrite: text = "nothing to write"; break;
+    case ZtSerialErrorShortWrite: text = "short write"; break;
+    case ZtSerialErrorNone: text = "incomplete"; break;
+    default: text = "failure"; break;
   }
   text += fmt::format(" (code {}", error.code);
   if (asked > 0) text += fmt::format(", {} of {} bytes", error.bytesRead, asked);
@@ -161,8 +147,8 @@ std::optional<ZtSerialPort::Data> IGotUGT800::read(size_t count) {
   return data;
 }
 
-int IGotUGT800::sendCommandWithChunk(uint8_t* command, size_t length, ZtSerialPort::Data* response,
-                                     size_t responseLength) {
+int IGotUGT800::sendCommandWithChunk(uint8_t* command, size_t length,
+                                     ZtSerialPort::Data* response, size_t responseLength) {
   if (!isConnected() || length == 0) return -1;
   uint8_t sum = 0;
   for (size_t i = 0; i + 1 < length; ++i) sum = static_cast<uint8_t>(sum + command[i]);
@@ -249,7 +235,8 @@ bool IGotUGT800::sendWriteCommandForPurgeWithPosition(uint32_t position) {
   return response[1] == 0x00 && response[2] == 0x00;
 }
 
-std::optional<ZtSerialPort::Data> IGotUGT800::sendReadCommandForPosition(uint32_t position, uint16_t size) {
+std::optional<ZtSerialPort::Data> IGotUGT800::sendReadCommandForPosition(uint32_t position,
+                                                                         uint16_t size) {
   if (!isConnected()) return std::nullopt;
   uint8_t command[kCommandLength] = {0x93,
                                      0x05,
@@ -309,8 +296,8 @@ void IGotUGT800::createTrackPoints(const uint8_t* records, uint64_t count) {
     const int hour = ((r[2] & 7) << 2) | (r[3] >> 6);
     const int minute = r[3] & 0x3F;
     const int seconds = ((r[4] << 8) | r[5]) / 1000;
-    const std::optional<ISODate> time = ISODate::isoDateWithString(
-        fmt::format("{}-{:02}-{:02}T{:02}:{:02}:{:02}", recordYear, month, day, hour, minute, seconds));
+    const std::optional<ISODate> time = ISODate::isoDateWithString(fmt::format(
+        "{}-{:02}-{:02}T{:02}:{:02}:{:02}", recordYear, month, day, hour, minute, seconds));
 
     const int qualified = r[29] & 0x0F;
     const int found = r[29] >> 4;
@@ -353,7 +340,8 @@ std::optional<std::vector<TrackPtr>> IGotUGT800::importTracksFromDevice(const st
   initPort(device);
   if (!isConnected()) return std::nullopt;
 
-  const bool read = sendNmeaSwitchCommand(3) && sendModelCommand() && sendCountCommand() && readTrackData();
+  const bool read = sendNmeaSwitchCommand(3) && sendModelCommand() && sendCountCommand() &&
+                    readTrackData();
   if (!read) {
     closePort();
     logf("i-gotUGT800: download from {} failed; nothing was imported", device);
@@ -412,5 +400,7 @@ bool IGotUGT800::deleteTracksFromDevice(const std::string& device, const Options
   showAlert(kEraseMessage);
   return true;
 }
+
+
 
 }  // namespace kvtrack
