@@ -1,25 +1,16 @@
 #include "tests/devices/BG728Emulator.h"
-#include "tests/devices/LoggerWire.h"
 
 #include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <optional>
 
 namespace kvtrack::test {
 
-std::string BG728Emulator::pointRequest(int index) {
-  return fmt::format("$BG728,0,17,{}*00", index);
-}
-
-std::string BG728Emulator::checksum(const std::string& body) {
-  return fmt::format("{:02x}", nmeaChecksum(body));
-}
-
-std::string BG728Emulator::sentence(const std::string& body) { return nmeaSentence(body, false); }
+std::string BG728Emulator::pointRequest(int index) { return fmt::format("$BG728,0,17,{}*00", index); }
 
 BG728Emulator::BG728Emulator(PtyPair& pty) : pty_(pty) {}
 
@@ -40,27 +31,10 @@ void BG728Emulator::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-std::vector<std::string> BG728Emulator::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
-}
-
 int BG728Emulator::countOf(const std::string& request) const {
   std::lock_guard lock(mutex_);
   return static_cast<int>(std::count(requests_.begin(), requests_.end(), request));
 }
-
-std::size_t BG728Emulator::requestCount() const {
-  std::lock_guard lock(mutex_);
-  return requests_.size();
-}
-
-std::size_t BG728Emulator::storedPointCount() const {
-  std::lock_guard lock(mutex_);
-  return points_.size();
-}
-
-bool BG728Emulator::send(const std::string& bytes) { return pty_.send(bytes); }
 
 void BG728Emulator::run() {
   std::string pending;
@@ -98,19 +72,15 @@ std::string BG728Emulator::answerBody(const std::string& request, bool wrongInde
   // The logger reads the index of a point request and ignores its checksum.
   constexpr std::string_view prefix = "$BG728,0,17,";
   if (request.rfind(prefix, 0) != 0) return {};
-  const std::size_t star = request.find('*');
-  if (star == std::string::npos) return {};
-  const std::string digits = request.substr(prefix.size(), star - prefix.size());
-  if (digits.empty() || !std::all_of(digits.begin(), digits.end(),
-                                     [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
-    return {};
-  }
-  std::size_t index = std::stoul(digits);
+  std::size_t index = 0;
+  const char* const end = request.data() + request.size();
+  const auto [after, error] = std::from_chars(request.data() + prefix.size(), end, index);
+  if (error != std::errc() || after == end || *after != '*') return {};
   if (wrongIndex) ++index;
   if (index >= points_.size()) return {};
   const BG728Point& p = points_[index];
-  return fmt::format("BG728,0,17,{},{},{},{},{},{}", index, p.time, p.date, p.latitude,
-                     p.longitude, p.elevation);
+  return fmt::format("BG728,0,17,{},{},{},{},{},{}", index, p.time, p.date, p.latitude, p.longitude,
+                     p.elevation);
 }
 
 void BG728Emulator::answer(const std::string& request) {
@@ -132,27 +102,23 @@ void BG728Emulator::answer(const std::string& request) {
   const std::string body = answerBody(request, fault == Fault::WrongIndex);
   if (body.empty()) return;
 
-  std::string sum = checksum(body);
-  if (alwaysWrongChecksum_ || fault == Fault::WrongChecksum) {
-    sum = fmt::format("{:02x}", (std::stoul(sum, nullptr, 16) + 1) & 0xff);
-  }
-  if (upperCaseChecksums_ || fault == Fault::UpperCaseChecksum) {
-    for (char& c : sum) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  const std::string line = "$" + body + "*" + sum + "\r\n";
+  const auto sum =
+      static_cast<std::uint8_t>(nmeaChecksum(body) + (alwaysWrongChecksum_ || fault == Fault::WrongChecksum));
+  const std::string line = upperCaseChecksums_ ? fmt::format("${}*{:02X}\r\n", body, sum)
+                                               : fmt::format("${}*{:02x}\r\n", body, sum);
 
   if (fault == Fault::TwoAnswersInOneWrite) {
-    send(line + line);
+    pty_.send(line + line);
   } else if (fault == Fault::ForeignLineFirst) {
-    send(sentence("GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,") + line);
+    pty_.send(sentence("GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,") + line);
   } else if (fault == Fault::StallMidLine) {
-    send(line.substr(0, line.size() / 2));
+    pty_.send(line.substr(0, line.size() / 2));
   } else if (fault == Fault::SplitAcrossWrites) {
-    send(line.substr(0, line.size() / 2));
+    pty_.send(line.substr(0, line.size() / 2));
     std::this_thread::sleep_for(splitPause_);
-    send(line.substr(line.size() / 2));
+    pty_.send(line.substr(line.size() / 2));
   } else {
-    send(line);
+    pty_.send(line);
   }
 }
 

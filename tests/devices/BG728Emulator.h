@@ -4,6 +4,7 @@
 // logger does, from a list of stored points. Faults can be planned for the
 // first arrival of a given request to make the logger misbehave.
 
+#include "tests/devices/LoggerWire.h"
 #include "tests/devices/PtyPair.h"
 
 #include <atomic>
@@ -17,9 +18,9 @@
 namespace kvtrack::test {
 
 struct BG728Point {
-  std::string time;       // "HH:MM:SS"
-  std::string date;       // "MMDDYY"
-  std::string latitude;   // decimal degrees as the logger writes them
+  std::string time;      // "HH:MM:SS"
+  std::string date;      // "MMDDYY"
+  std::string latitude;  // decimal degrees as the logger writes them
   std::string longitude;
   std::string elevation;  // metres
 };
@@ -28,7 +29,6 @@ class BG728Emulator {
  public:
   enum class Fault {
     WrongChecksum,         // the answer's checksum is off by one
-    UpperCaseChecksum,     // the checksum in upper-case hex digits
     TwoAnswersInOneWrite,  // the answer twice, in one write
     ForeignLineFirst,      // a GPS fix sentence, then the answer, in one write
     SplitAcrossWrites,     // half the answer, a pause of splitPause, the rest
@@ -64,22 +64,20 @@ class BG728Emulator {
   void stop();
 
   /// Every request line received, in order (without CR LF).
-  std::vector<std::string> requests() const;
+  std::vector<std::string> requests() const { return lockedCopy(mutex_, requests_); }
   int countOf(const std::string& request) const;
-  std::size_t requestCount() const;
+  std::size_t requestCount() const { return requests().size(); }
   /// Points still stored (a delete request clears them).
-  std::size_t storedPointCount() const;
+  std::size_t storedPointCount() const { return lockedCopy(mutex_, points_).size(); }
 
   /// "$" + body + "*" + checksum + CR LF, the checksum in lower case.
-  static std::string sentence(const std::string& body);
-  static std::string checksum(const std::string& body);
+  static std::string sentence(const std::string& body) { return nmeaSentence(body, false); }
 
  private:
   void run();
   void answer(const std::string& request);
   /// The answer body (between "$" and "*"), or empty when the logger stays silent.
   std::string answerBody(const std::string& request, bool wrongIndex);
-  bool send(const std::string& bytes);
 
   PtyPair& pty_;
   std::vector<BG728Point> points_;

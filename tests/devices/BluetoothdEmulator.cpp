@@ -68,16 +68,16 @@ int BluetoothdEmulator::managedObjects(sd_bus_message* call) {
   sd_bus_message_new_method_return(call, &reply);
   sd_bus_message_open_container(reply, 'a', "{oa{sa{sv}}}");
   if (withAdapter_) {
-    sd_bus_message_append(reply, "{oa{sa{sv}}}", "/org/bluez/hci0", 1, "org.bluez.Adapter1", 1,
-                          "Powered", "b", 1);
+    sd_bus_message_append(reply, "{oa{sa{sv}}}", "/org/bluez/hci0", 1, "org.bluez.Adapter1", 1, "Powered",
+                          "b", 1);
   }
   for (const FakeDevice& d : devices_) {
     // Properties of other types among them, as bluetoothd sends.
-    sd_bus_message_append(reply, "{oa{sa{sv}}}", d.path.c_str(), 2, "org.freedesktop.DBus.Introspectable",
-                          0, "org.bluez.Device1", 7, "Address", "s", d.address.c_str(), "UUIDs", "as", 1,
+    sd_bus_message_append(reply, "{oa{sa{sv}}}", d.path.c_str(), 2, "org.freedesktop.DBus.Introspectable", 0,
+                          "org.bluez.Device1", 7, "Address", "s", d.address.c_str(), "UUIDs", "as", 1,
                           "00001101-0000-1000-8000-00805f9b34fb", "RSSI", "n", -60, "Name", "s",
-                          d.name.c_str(), "Alias", "s", "alias", "Paired", "b", d.paired ? 1 : 0,
-                          "Connected", "b", d.connected ? 1 : 0);
+                          d.name.c_str(), "Alias", "s", "alias", "Paired", "b", d.paired ? 1 : 0, "Connected",
+                          "b", d.connected ? 1 : 0);
   }
   sd_bus_message_close_container(reply);
   const int r = sd_bus_send(nullptr, reply, nullptr);

@@ -1,7 +1,6 @@
 #include "tests/devices/GNS2000Emulator.h"
 
 #include "kvtrack/devices/bluetooth/DescriptorChannel.h"
-#include "tests/devices/LoggerWire.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -45,19 +44,7 @@ GNS2000Emulator::Record GNS2000Emulator::emptyRecord() {
   return bytes;
 }
 
-std::string GNS2000Emulator::sentence(const std::string& body) { return nmeaSentence(body, true); }
-
 GNS2000Emulator::~GNS2000Emulator() { detach(); }
-
-void GNS2000Emulator::setRecords(std::vector<Record> records) {
-  std::lock_guard lock(mutex_);
-  records_ = std::move(records);
-}
-
-void GNS2000Emulator::setMisbehaviour(const Misbehaviour& misbehaviour) {
-  std::lock_guard lock(mutex_);
-  misbehaviour_ = misbehaviour;
-}
 
 void GNS2000Emulator::attach(UniqueFd descriptor) {
   detach();
@@ -78,28 +65,12 @@ void GNS2000Emulator::detach() {
   descriptor_.reset();
 }
 
-std::vector<std::string> GNS2000Emulator::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
-}
-
-std::vector<int> GNS2000Emulator::sentencesBeforeRequests() const {
-  std::lock_guard lock(mutex_);
-  return sentencesBefore_;
-}
-
-size_t GNS2000Emulator::storedRecordCount() const {
-  std::lock_guard lock(mutex_);
-  return records_.size();
-}
-
 bool GNS2000Emulator::send(int descriptor, const std::string& bytes) {
   {
     std::lock_guard lock(mutex_);
     for (size_t at = bytes.find('$'); at != std::string::npos; at = bytes.find('$', at + 1)) ++sentCount_;
   }
-  return ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-         static_cast<ssize_t>(bytes.size());
+  return ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 std::string GNS2000Emulator::nextFix() {
@@ -110,9 +81,9 @@ std::string GNS2000Emulator::nextFix() {
     count = sentCount_;
     bad = misbehaviour_.badFirstSentences;
   }
-  const std::string body =
-      count % 2 == 0 ? "GPGGA,120000.000,4807.0380,N,01131.0000,E,1,08,0.9,545.4,M,46.9,M,,0000"
-                     : "GPRMC,120000.000,A,4807.0380,N,01131.0000,E,0.13,309.62,120598,,,A";
+  const std::string body = count % 2 == 0
+                               ? "GPGGA,120000.000,4807.0380,N,01131.0000,E,1,08,0.9,545.4,M,46.9,M,,0000"
+                               : "GPRMC,120000.000,A,4807.0380,N,01131.0000,E,0.13,309.62,120598,,,A";
   return count < bad ? spoiled(body) : sentence(body);
 }
 
@@ -182,7 +153,8 @@ void GNS2000Emulator::sendDump(int descriptor) {
       return;
     }
     std::string body = fmt::format("PMTKLOX,1,{}", i);
-    for (size_t r = i * recordsPerSentence_; r < std::min(records.size(), (i + 1) * recordsPerSentence_); ++r) {
+    for (size_t r = i * recordsPerSentence_; r < std::min(records.size(), (i + 1) * recordsPerSentence_);
+         ++r) {
       for (size_t word = 0; word < 4; ++word) {
         body += ',';
         for (size_t b = 0; b < 4; ++b) body += fmt::format("{:02X}", records[r][word * 4 + b]);
@@ -204,8 +176,8 @@ void GNS2000Emulator::sendDump(int descriptor) {
   send(descriptor, sentence("PMTKLOX,2"));
 }
 
-EmulatedBluetoothDevice::EmulatedBluetoothDevice(std::string name, std::string address,
-                                                 RunLoop& loop, GNS2000Emulator* receiver)
+EmulatedBluetoothDevice::EmulatedBluetoothDevice(std::string name, std::string address, RunLoop& loop,
+                                                 GNS2000Emulator* receiver)
     : name_(std::move(name)), address_(std::move(address)), loop_(loop), receiver_(receiver) {}
 
 Status EmulatedBluetoothDevice::openConnection() {
@@ -217,7 +189,6 @@ Status EmulatedBluetoothDevice::openConnection() {
 
 Status EmulatedBluetoothDevice::closeConnection() {
   connected_ = false;
-  ++closed_;
   return {};
 }
 

@@ -14,6 +14,7 @@
 #include "kvtrack/devices/bluetooth/BluetoothDevice.h"
 #include "kvtrack/support/RunLoop.h"
 #include "kvtrack/support/UniqueFd.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <array>
 #include <atomic>
@@ -29,10 +30,10 @@
 namespace kvtrack::test {
 
 struct LocusFix {
-  int32_t time = 0;        // seconds since 1970
+  int32_t time = 0;  // seconds since 1970
   uint8_t fixType = 1;
   float latitude = 0, longitude = 0;
-  int16_t height = 0;      // metres
+  int16_t height = 0;  // metres
 };
 
 class GNS2000Emulator {
@@ -40,30 +41,29 @@ class GNS2000Emulator {
   using Record = std::array<uint8_t, 16>;
 
   struct Misbehaviour {
-    int badFirstSentences = 0;       // streamed sentences with a wrong checksum, first of all
-    int badDumpSentence = -1;        // this data sentence (0-based) with a wrong checksum
-    int splitDumpSentence = -1;      // this data sentence in two writes, 30 ms apart
-    bool endWithLastData = false;    // last data sentence and end in one write, then silence
+    int badFirstSentences = 0;          // streamed sentences with a wrong checksum, first of all
+    int badDumpSentence = -1;           // this data sentence (0-based) with a wrong checksum
+    int splitDumpSentence = -1;         // this data sentence in two writes, 30 ms apart
+    bool endWithLastData = false;       // last data sentence and end in one write, then silence
     int hangUpAfterDumpSentences = -1;  // close the channel after this many data sentences
-    int ignoredEraseRequests = 0;    // erase requests passed over before one is obeyed
-    bool silent = false;             // never sends anything
-    size_t noiseFirst = 0;           // bytes of noise without a line end before the stream
+    int ignoredEraseRequests = 0;       // erase requests passed over before one is obeyed
+    bool silent = false;                // never sends anything
+    size_t noiseFirst = 0;              // bytes of noise without a line end before the stream
   };
 
   static Record record(const LocusFix& fix);
   static Record emptyRecord();
   /// "$" body "*" checksum (upper-case hex, as the receiver writes it) CR LF.
-  static std::string sentence(const std::string& body);
+  static std::string sentence(const std::string& body) { return nmeaSentence(body, true); }
 
   GNS2000Emulator() = default;
   ~GNS2000Emulator();
   GNS2000Emulator(const GNS2000Emulator&) = delete;
   GNS2000Emulator& operator=(const GNS2000Emulator&) = delete;
 
-  void setRecords(std::vector<Record> records);
+  void setRecords(std::vector<Record> records) { lockedSet(mutex_, records_, std::move(records)); }
   void setRecordsPerSentence(size_t count) { recordsPerSentence_ = count; }
-  void setMisbehaviour(const Misbehaviour& misbehaviour);
-  void setStreamInterval(std::chrono::milliseconds interval) { interval_ = interval; }
+  void setMisbehaviour(const Misbehaviour& misbehaviour) { lockedSet(mutex_, misbehaviour_, misbehaviour); }
 
   /// Starts talking on the descriptor (a new channel replaces the old one).
   void attach(UniqueFd descriptor);
@@ -73,10 +73,10 @@ class GNS2000Emulator {
   void detach();
 
   /// Every request line received (without CR LF), in order.
-  std::vector<std::string> requests() const;
+  std::vector<std::string> requests() const { return lockedCopy(mutex_, requests_); }
   /// How many sentences the receiver had sent when each request arrived.
-  std::vector<int> sentencesBeforeRequests() const;
-  size_t storedRecordCount() const;
+  std::vector<int> sentencesBeforeRequests() const { return lockedCopy(mutex_, sentencesBefore_); }
+  size_t storedRecordCount() const { return lockedCopy(mutex_, records_).size(); }
   /// True once the driver's end of the channel has gone.
   bool channelEnded() const { return ended_.load(); }
 
@@ -112,10 +112,8 @@ class EmulatedBluetoothDevice final : public BluetoothDevice {
                           GNS2000Emulator* receiver = nullptr);
 
   void setServices(std::vector<BluetoothServiceRecord> services) { services_ = std::move(services); }
-  void setConnected(bool connected) { connected_ = connected; }
   void setRefusesConnections(bool refuses) { refuses_ = refuses; }
   int connectionsOpened() const { return opened_; }
-  int connectionsClosed() const { return closed_; }
 
   std::string name() const override { return name_; }
   std::string addressString() const override { return address_; }
@@ -134,7 +132,7 @@ class EmulatedBluetoothDevice final : public BluetoothDevice {
   std::vector<BluetoothServiceRecord> services_;
   std::atomic<bool> connected_{false};
   std::atomic<bool> refuses_{false};
-  std::atomic<int> opened_{0}, closed_{0};
+  std::atomic<int> opened_{0};
 };
 
 class EmulatedBluetooth final : public BluetoothStack {

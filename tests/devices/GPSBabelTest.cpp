@@ -13,9 +13,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <map>
-#include <set>
-#include <sstream>
 
 namespace kvtrack {
 namespace {
@@ -100,8 +97,8 @@ class GPSBabelTest : public ::testing::Test {
   }
   /// A stand-in gpsbabel that writes its arguments, one a line, to a file.
   std::string recordingProgram(const std::string& name) const {
-    return script(name, "printf '%s\\n' \"$@\" > " +
-                            FileHandling::filenameForShell(scratch_.file(name + ".args")));
+    return script(name,
+                  "printf '%s\\n' \"$@\" > " + FileHandling::filenameForShell(scratch_.file(name + ".args")));
   }
 
   ScratchFolder scratch_;
@@ -115,22 +112,18 @@ class GPSBabelTest : public ::testing::Test {
 // --- file formats ------------------------------------------------------------
 
 TEST_F(GPSBabelTest, DescriptionsAreThoseOfTheInstalledGpsbabel) {
-  const ShellOutput listing = runShellCommandReadingOutput("gpsbabel -^2");
+  // A line per format: its name and description.
+  const ShellOutput listing = runShellCommandReadingOutput("gpsbabel -^2 | cut -f3,5");
   ASSERT_EQ(listing.status, 0);
-  std::map<std::string, std::set<std::string>> installed;
-  std::istringstream lines(listing.output);
-  for (std::string line; std::getline(lines, line);) {
-    std::vector<std::string> fields;
-    std::istringstream cells(line);
-    for (std::string cell; std::getline(cells, cell, '\t');) fields.push_back(cell);
-    if (fields.size() >= 5) installed[fields[2]].insert(fields[4]);
-  }
+  const std::string installed = "\n" + listing.output;
   int compared = 0;
   ASSERT_EQ(babel_.fileDescriptionToName().size(), babel_.fileFormats().size());
   for (const auto& [name, description] : babel_.fileNameToDescription()) {
     EXPECT_EQ(babel_.fileDescriptionToName().at(description), name);  // both directions agree
-    if (name == "gpx" || name.find('#') != std::string::npos || !installed.contains(name)) continue;
-    EXPECT_TRUE(installed[name].contains(description)) << name << ": " << description;
+    if (name == "gpx" || name.find('#') != std::string::npos) continue;
+    if (installed.find("\n" + name + "\t") == std::string::npos) continue;
+    EXPECT_NE(installed.find("\n" + name + "\t" + description + "\n"), std::string::npos)
+        << name << ": " << description;
     ++compared;
   }
   EXPECT_GT(compared, 40);
@@ -153,12 +146,11 @@ TEST_F(GPSBabelTest, ReplaceTemplatesMakesEveryFileOneShellWord) {
   babel_.setDevice("tty'1");
   const std::string app = GPSBabel::applicationFolder();
   const auto word = [](const std::string& s) { return FileHandling::filenameForShell(s); };
-  EXPECT_EQ(
-      babel_.replaceTemplates("$APP_BUNDLE|$BUNDLE|$TMPDIR|$DEVICE|$GPX_NO_EXT|$GPX|$INPUTFILE",
-                              "/in put.fit", "/out/a b.gpx"),
-      app + "/Contents/Resources|" + app + "|" + word(scratch_.path().string()) + "|" +
-          word(device("tty'1")) + "|" + word("/out/a b") + "|" + word("/out/a b.gpx") + "|" +
-          word("/in put.fit"));
+  EXPECT_EQ(babel_.replaceTemplates("$APP_BUNDLE|$BUNDLE|$TMPDIR|$DEVICE|$GPX_NO_EXT|$GPX|$INPUTFILE",
+                                    "/in put.fit", "/out/a b.gpx"),
+            app + "/Contents/Resources|" + app + "|" + word(scratch_.path().string()) + "|" +
+                word(device("tty'1")) + "|" + word("/out/a b") + "|" + word("/out/a b.gpx") + "|" +
+                word("/in put.fit"));
   // A placeholder inside a file name is text, not a second expansion.
   EXPECT_EQ(babel_.replaceTemplates("$GPX $INPUTFILE", "/i", "/x/$INPUTFILE.gpx"),
             word("/x/$INPUTFILE.gpx") + " " + word("/i"));
@@ -203,9 +195,8 @@ TEST_F(GPSBabelTest, RepluggedDeviceIsFoundUnderItsNewNumber) {
 TEST_F(GPSBabelTest, TemplateHelperDownloadsFromTheRepairedDevice) {
   scratch_.write("dev/ttyACM1", "");
   const std::string sample = scratch_.write("sample.gpx", kSampleGpx);
-  const std::string helper =
-      script("read.sh", "echo \"$1\" > \"$2.device\"; cat " +
-                            FileHandling::filenameForShell(sample) + " > \"$2\"");
+  const std::string helper = script(
+      "read.sh", "echo \"$1\" > \"$2.device\"; cat " + FileHandling::filenameForShell(sample) + " > \"$2\"");
   babel_.setDeviceType("!sh " + FileHandling::filenameForShell(helper) + " $DEVICE $GPX");
   const std::string out = scratch_.file(std::string("dl ") + kHostileName + ".gpx");
   EXPECT_EQ(babel_.importTracksAndWaypointToFile(out), 0);
@@ -216,12 +207,10 @@ TEST_F(GPSBabelTest, TemplateHelperDownloadsFromTheRepairedDevice) {
 
 TEST_F(GPSBabelTest, TemplateHelperWithoutUsefulOutputFails) {
   const std::string out = scratch_.write("out.gpx", "an old download, long enough");
-  babel_.setDeviceType("!sh " +
-                       FileHandling::filenameForShell(script("short.sh", "printf 12345 > \"$1\"")) +
+  babel_.setDeviceType("!sh " + FileHandling::filenameForShell(script("short.sh", "printf 12345 > \"$1\"")) +
                        " $GPX");
   EXPECT_EQ(babel_.importTracksAndWaypointToFile(out), -2);
-  babel_.setDeviceType("!sh " + FileHandling::filenameForShell(script("none.sh", "exit 0")) +
-                       " $GPX");
+  babel_.setDeviceType("!sh " + FileHandling::filenameForShell(script("none.sh", "exit 0")) + " $GPX");
   EXPECT_EQ(babel_.importTracksAndWaypointToFile(out), -1);  // the old file was removed first
   babel_.setDeviceType("!");
   EXPECT_EQ(babel_.importTracksAndWaypointToFile(out), 1);
@@ -231,8 +220,8 @@ TEST_F(GPSBabelTest, TemplateHelperWithoutUsefulOutputFails) {
 }
 
 TEST_F(GPSBabelTest, EraseTemplateFollowsDel) {
-  const std::string wipe = script(
-      "wipe.sh", "echo \"$1 $2\" > " + FileHandling::filenameForShell(scratch_.file("wiped")));
+  const std::string wipe =
+      script("wipe.sh", "echo \"$1 $2\" > " + FileHandling::filenameForShell(scratch_.file("wiped")));
   babel_.setDeviceType("!sh read.sh $DEVICE $GPX!DEL!sh " + FileHandling::filenameForShell(wipe) +
                        " $DEVICE $GPX_NO_EXT");
   EXPECT_EQ(babel_.deleteTracksAndWaypointToFile(scratch_.file("track.gpx")), 0);
@@ -280,7 +269,9 @@ TEST_F(GPSBabelTest, BuiltInDriverWritesPlainGpx) {
 TEST_F(GPSBabelTest, GpsbabelIsAskedForTheFormatWithItsOptions) {
   const std::string fake = recordingProgram("fakebabel");
   KvPreferences::singleton().setGpsbabelPath(fake);
-  const auto args = [&](const std::string& name) { return ScratchFolder::read(scratch_.file(name + ".args")); };
+  const auto args = [&](const std::string& name) {
+    return ScratchFolder::read(scratch_.file(name + ".args"));
+  };
   const std::string out = scratch_.file("out.gpx");
 
   // A format suffix runs the matching gpsbabel.
@@ -311,13 +302,6 @@ TEST_F(GPSBabelTest, GpsbabelIsAskedForTheFormatWithItsOptions) {
   EXPECT_NE(args("fakebabel").find("-i\nmtk,erase,baud=115200\n"), std::string::npos);
 }
 
-// No logger is attached: the real gpsbabel fails.
-TEST_F(GPSBabelTest, FailingGpsbabelIsReported) {
-  babel_.setDeviceType("mtk");
-  EXPECT_NE(babel_.importTracksAndWaypointToFile(scratch_.file("out.gpx")), 0);
-  EXPECT_FALSE(fs::exists(scratch_.file("out.gpx")));
-}
-
 TEST_F(GPSBabelTest, GpsbabelRunsNeedTmpdir) {
   ScopedEnvironment noTemporary("TMPDIR", std::nullopt);
   EXPECT_EQ(babel_.importTracksAndWaypointToFile(scratch_.file("out.gpx")), 2);
@@ -340,37 +324,36 @@ class GPSBabelFileTest : public GPSBabelTest {
   std::string sample_ = scratch_.write(name(".gpx"), kSampleGpx);
 };
 
-TEST_F(GPSBabelFileTest, KmlRoundTrip) {
-  ASSERT_TRUE(babel_.convertGPX(name(".gpx"), name(".kml")));
-  ASSERT_TRUE(babel_.convertKML(name(".kml"), name("back.gpx")));
-  const TrackPtr track = readGpx(name("back.gpx"));
-  EXPECT_EQ(track->trackPoints().size(), 3u);
-  EXPECT_EQ(waypointNames(track), (std::vector<std::string>{"Alpha", "Beta"}));
-  EXPECT_FALSE(injected());
-}
-
-TEST_F(GPSBabelFileTest, ForeignWaypointFormatsBecomeGpx) {
+// KML holds the track too; the other formats only the waypoints.
+TEST_F(GPSBabelFileTest, ForeignFormatsBecomeGpx) {
   struct Case {
     const char* gpsbabelFormat;
     std::function<Status(const std::string&, const std::string&)> convert;
+    size_t points;
   };
   const std::vector<Case> cases{
-      {"geo", [&](auto& in, auto& out) { return babel_.convertLOC(in, out); }},
-      {"garmin_gpi", [&](auto& in, auto& out) { return babel_.convertGPI(in, out); }},
-      {"tomtom", [&](auto& in, auto& out) { return babel_.convert(in, out, "tomtom"); }},
+      {"kml", [&](auto& in, auto& out) { return babel_.convertKML(in, out); }, 3},
+      {"geo", [&](auto& in, auto& out) { return babel_.convertLOC(in, out); }, 2},
+      {"garmin_gpi", [&](auto& in, auto& out) { return babel_.convertGPI(in, out); }, 2},
+      {"tomtom", [&](auto& in, auto& out) { return babel_.convert(in, out, "tomtom"); }, 2},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.gpsbabelFormat);
     const std::string foreign = name(std::string(".") + c.gpsbabelFormat);
-    ASSERT_EQ(runShellCommand(fmt::format("gpsbabel -i gpx -f {} -o {} -F {}",
-                                          FileHandling::filenameForShell(sample_), c.gpsbabelFormat,
-                                          FileHandling::filenameForShell(foreign))),
-              0);
-    ASSERT_TRUE(c.convert(foreign, name(".out.gpx"))) << c.gpsbabelFormat;
+    if (c.points == 3) {
+      ASSERT_TRUE(babel_.convertGPX(name(".gpx"), foreign));
+    } else {
+      ASSERT_EQ(runShellCommand(fmt::format("gpsbabel -i gpx -f {} -o {} -F {}",
+                                            FileHandling::filenameForShell(sample_), c.gpsbabelFormat,
+                                            FileHandling::filenameForShell(foreign))),
+                0);
+    }
+    ASSERT_TRUE(c.convert(foreign, name(".out.gpx")));
     const TrackPtr places = readGpx(name(".out.gpx"));
-    ASSERT_EQ(places->trackPoints().size(), 2u) << c.gpsbabelFormat;
-    EXPECT_NEAR(places->trackPoints()[1]->latitude(), 48.02, 1e-4) << c.gpsbabelFormat;
-    EXPECT_NEAR(places->trackPoints()[1]->longitude(), 11.02, 1e-4) << c.gpsbabelFormat;
-    EXPECT_EQ(waypointNames(places).size(), 2u) << c.gpsbabelFormat;
+    ASSERT_EQ(places->trackPoints().size(), c.points);
+    EXPECT_NEAR(places->trackPoints().back()->latitude(), 48.02, 1e-4);
+    EXPECT_NEAR(places->trackPoints().back()->longitude(), 11.02, 1e-4);
+    EXPECT_EQ(waypointNames(places), (std::vector<std::string>{"Alpha", "Beta"}));
   }
   EXPECT_FALSE(injected());
 }
@@ -403,8 +386,7 @@ TEST_F(GPSBabelFileTest, WaypointsBecomeATrackAndTracksGetThinner) {
   std::string long_track = R"(<?xml version="1.0"?><gpx version="1.1" creator="t"
       xmlns="http://www.topografix.com/GPX/1/1"><trk><trkseg>)";
   for (int i = 0; i < 50; ++i) {
-    long_track +=
-        fmt::format(R"(<trkpt lat="{}" lon="{}"/>)", 48.0 + i * 0.001, 11.0 + (i % 7) * 0.001);
+    long_track += fmt::format(R"(<trkpt lat="{}" lon="{}"/>)", 48.0 + i * 0.001, 11.0 + (i % 7) * 0.001);
   }
   scratch_.write(name(".long.gpx"), long_track + "</trkseg></trk></gpx>");
   ASSERT_TRUE(babel_.simplifyFile(name(".long.gpx"), name(".short.gpx"), 5));

@@ -1,5 +1,4 @@
 #include "tests/devices/GT800Emulator.h"
-#include "tests/devices/LoggerWire.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -29,8 +28,7 @@ std::uint32_t address24(const std::uint8_t* frame) {
 
 }  // namespace
 
-GT800Emulator::GT800Emulator(PtyPair& pty)
-    : pty_(pty), flash_(kSectorSize * kSectorCount, 0xFF) {}
+GT800Emulator::GT800Emulator(PtyPair& pty) : pty_(pty), flash_(kSectorSize * kSectorCount, 0xFF) {}
 
 GT800Emulator::~GT800Emulator() { stop(); }
 
@@ -63,52 +61,6 @@ void GT800Emulator::putBytes(std::size_t address, const std::vector<std::uint8_t
   for (std::size_t i = 0; i < bytes.size() && address + i < flash_.size(); ++i) {
     flash_[address + i] = bytes[i];
   }
-}
-
-void GT800Emulator::setRecordCount(std::uint32_t count) {
-  std::lock_guard lock(mutex_);
-  recordCount_ = count;
-}
-
-void GT800Emulator::setEraseBusyPolls(int polls) {
-  std::lock_guard lock(mutex_);
-  eraseBusyPolls_ = polls;
-}
-
-std::vector<std::uint8_t> GT800Emulator::image() const {
-  std::lock_guard lock(mutex_);
-  return flash_;
-}
-
-bool GT800Emulator::sectorIsErased(std::size_t sector) const {
-  std::lock_guard lock(mutex_);
-  const auto begin = flash_.begin() + static_cast<std::ptrdiff_t>(sector * kSectorSize);
-  return std::all_of(begin, begin + kSectorSize, [](std::uint8_t b) { return b == 0xFF; });
-}
-
-std::vector<std::size_t> GT800Emulator::erasedSectors() const {
-  std::lock_guard lock(mutex_);
-  return erased_;
-}
-
-int GT800Emulator::refusedErases() const {
-  std::lock_guard lock(mutex_);
-  return refusedErases_;
-}
-
-int GT800Emulator::badFrames() const {
-  std::lock_guard lock(mutex_);
-  return badFrames_;
-}
-
-std::vector<std::uint8_t> GT800Emulator::nmeaModes() const {
-  std::lock_guard lock(mutex_);
-  return nmeaModes_;
-}
-
-int GT800Emulator::commandsAnswered() const {
-  std::lock_guard lock(mutex_);
-  return answered_;
 }
 
 void GT800Emulator::run() {
@@ -237,7 +189,6 @@ bool GT800Emulator::answerFrame(const std::uint8_t* frame, Fault fault, Writes& 
   } else {
     return false;
   }
-  ++answered_;
   return true;
 }
 

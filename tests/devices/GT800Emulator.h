@@ -5,6 +5,7 @@
 // length, then the data. On request it misbehaves so that the driver's
 // handling of a bad link can be tested.
 
+#include "tests/devices/LoggerWire.h"
 #include "tests/devices/PtyPair.h"
 
 #include <atomic>
@@ -65,46 +66,26 @@ class GT800Emulator {
   /// matches `command`; any command when `command` is 0.
   void setFault(Fault fault, std::uint8_t command = 0, int occurrence = 0);
 
-  /// The 32-byte record of a fix: flags, packed date and time, then position
-  /// and elevation as big-endian integers (1e-7 degrees, centimetres).
-  static std::vector<std::uint8_t> record(const GT800Fix& fix) {
-    std::vector<std::uint8_t> r(kRecordSize, 0);
-    auto put32 = [&r](std::size_t at, std::int32_t value) {
-      const auto v = static_cast<std::uint32_t>(value);
-      for (int i = 0; i < 4; ++i) r[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
-    };
-    r[0] = fix.flags;
-    r[1] = static_cast<std::uint8_t>(((fix.year % 16) << 4) | fix.month);
-    r[2] = static_cast<std::uint8_t>((fix.day << 3) | (fix.hour >> 2));
-    r[3] = static_cast<std::uint8_t>(((fix.hour & 3) << 6) | fix.minute);
-    r[4] = static_cast<std::uint8_t>(fix.milliseconds >> 8);
-    r[5] = static_cast<std::uint8_t>(fix.milliseconds & 0xFF);
-    put32(12, fix.latitude);
-    put32(16, fix.longitude);
-    put32(20, fix.elevationCm);
-    r[29] = fix.satellites;
-    return r;
-  }
+  /// The 32-byte record of a fix (elevation at byte 20).
+  static std::vector<std::uint8_t> record(const GT800Fix& fix) { return packedRecord(fix, 20); }
 
   /// Writes one 32-byte record at record index i (stored from 0x1000 on).
   void putRecord(std::size_t index, const std::vector<std::uint8_t>& record);
   void putBytes(std::size_t address, const std::vector<std::uint8_t>& bytes);
   /// Number of records the count command reports.
-  void setRecordCount(std::uint32_t count);
+  void setRecordCount(std::uint32_t count) { lockedSet(mutex_, recordCount_, count); }
   /// Status reads answering "busy" after each erase before it is done.
-  void setEraseBusyPolls(int polls);
+  void setEraseBusyPolls(int polls) { lockedSet(mutex_, eraseBusyPolls_, polls); }
 
-  std::vector<std::uint8_t> image() const;
-  bool sectorIsErased(std::size_t sector) const;
+  std::vector<std::uint8_t> image() const { return lockedCopy(mutex_, flash_); }
   /// Sectors erased, in the order of the erase commands.
-  std::vector<std::size_t> erasedSectors() const;
+  std::vector<std::size_t> erasedSectors() const { return lockedCopy(mutex_, erased_); }
   /// Erase commands refused for want of a write enable first.
-  int refusedErases() const;
+  int refusedErases() const { return lockedCopy(mutex_, refusedErases_); }
   /// Frames received with a wrong checksum.
-  int badFrames() const;
+  int badFrames() const { return lockedCopy(mutex_, badFrames_); }
   /// NMEA output modes set, in order.
-  std::vector<std::uint8_t> nmeaModes() const;
-  int commandsAnswered() const;
+  std::vector<std::uint8_t> nmeaModes() const { return lockedCopy(mutex_, nmeaModes_); }
 
  private:
   void run();
@@ -136,7 +117,6 @@ class GT800Emulator {
   std::vector<std::size_t> erased_;
   int refusedErases_ = 0;
   int badFrames_ = 0;
-  int answered_ = 0;
   std::vector<std::uint8_t> nmeaModes_;
 };
 

@@ -1,5 +1,4 @@
 #include "tests/devices/IGotUEmulator.h"
-#include "tests/devices/LoggerWire.h"
 
 #include <algorithm>
 
@@ -16,9 +15,7 @@ class IGotUEmulator::Link : public HidTransport {
     std::lock_guard lock(logger_.mutex_);
     --logger_.linksOpen_;
   }
-  Status sendOutputReport(std::span<const std::uint8_t> report) override {
-    return logger_.receive(report);
-  }
+  Status sendOutputReport(std::span<const std::uint8_t> report) override { return logger_.receive(report); }
   Result<size_t> readInput(std::span<std::uint8_t> into, std::chrono::milliseconds timeout) override {
     return logger_.transmit(into, timeout);
   }
@@ -28,21 +25,7 @@ class IGotUEmulator::Link : public HidTransport {
 };
 
 std::vector<std::uint8_t> IGotUEmulator::record(const IGotUFix& fix) {
-  std::vector<std::uint8_t> r(kRecordSize, 0);
-  auto put32 = [&r](std::size_t at, std::int32_t value) {
-    const auto v = static_cast<std::uint32_t>(value);
-    for (int i = 0; i < 4; ++i) r[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
-  };
-  r[0] = fix.flags;
-  r[1] = static_cast<std::uint8_t>(((fix.year % 16) << 4) | fix.month);
-  r[2] = static_cast<std::uint8_t>((fix.day << 3) | (fix.hour >> 2));
-  r[3] = static_cast<std::uint8_t>(((fix.hour & 3) << 6) | fix.minute);
-  r[4] = static_cast<std::uint8_t>(fix.milliseconds >> 8);
-  r[5] = static_cast<std::uint8_t>(fix.milliseconds & 0xFF);
-  put32(8, fix.elevationCm);
-  put32(12, fix.latitude);
-  put32(16, fix.longitude);
-  r[29] = fix.satellites;
+  std::vector<std::uint8_t> r = packedRecord(fix, 8);
   r[30] = 0x21;
   return r;
 }
@@ -54,11 +37,6 @@ void IGotUEmulator::setRecords(const std::vector<std::vector<std::uint8_t>>& rec
     std::copy(records[i].begin(), records[i].end(), flash_.begin() + kRecordStart + i * kRecordSize);
   }
   recordCount_ = static_cast<std::uint16_t>(records.size());
-}
-
-void IGotUEmulator::setRecordCount(std::uint16_t count) {
-  std::lock_guard lock(mutex_);
-  recordCount_ = count;
 }
 
 void IGotUEmulator::setIdentity(std::uint32_t serialNumber, std::uint8_t modelByte) {
@@ -144,9 +122,6 @@ void IGotUEmulator::handleFrame(const Frame& frame) {
 
 std::vector<std::uint8_t> IGotUEmulator::answerTo(const Frame& f) {
   switch (f[1]) {
-    case 0x01:  // NMEA output mode
-      nmeaModes_.push_back(f[3]);
-      return {};
     case 0x0A: {  // identification
       std::vector<std::uint8_t> id(10, 0);
       for (int i = 0; i < 4; ++i) id[i] = static_cast<std::uint8_t>(serialNumber_ >> (8 * i));
@@ -154,8 +129,7 @@ std::vector<std::uint8_t> IGotUEmulator::answerTo(const Frame& f) {
       return id;
     }
     case 0x0B:  // record count
-      return {0x00, static_cast<std::uint8_t>(recordCount_ >> 8),
-              static_cast<std::uint8_t>(recordCount_)};
+      return {0x00, static_cast<std::uint8_t>(recordCount_ >> 8), static_cast<std::uint8_t>(recordCount_)};
     case 0x05: {  // read flash
       const std::size_t size = (std::size_t{f[3]} << 8) | f[4];
       const std::size_t at = (std::size_t{f[7]} << 16) | (std::size_t{f[8]} << 8) | f[9];
@@ -168,8 +142,7 @@ std::vector<std::uint8_t> IGotUEmulator::answerTo(const Frame& f) {
   }
 }
 
-Result<size_t> IGotUEmulator::transmit(std::span<std::uint8_t> into,
-                                       std::chrono::milliseconds timeout) {
+Result<size_t> IGotUEmulator::transmit(std::span<std::uint8_t> into, std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
   changed_.wait_for(lock, timeout, [this] { return !outgoing_.empty() || unplugged_; });
   if (unplugged_) return Status::failure("no such device (it may have been disconnected)");
@@ -177,31 +150,6 @@ Result<size_t> IGotUEmulator::transmit(std::span<std::uint8_t> into,
   std::copy_n(outgoing_.begin(), count, into.begin());
   outgoing_.erase(outgoing_.begin(), outgoing_.begin() + static_cast<std::ptrdiff_t>(count));
   return count;
-}
-
-std::vector<IGotUEmulator::Frame> IGotUEmulator::frames() const {
-  std::lock_guard lock(mutex_);
-  return frames_;
-}
-
-int IGotUEmulator::badFrames() const {
-  std::lock_guard lock(mutex_);
-  return badFrames_;
-}
-
-std::vector<std::uint8_t> IGotUEmulator::nmeaModes() const {
-  std::lock_guard lock(mutex_);
-  return nmeaModes_;
-}
-
-int IGotUEmulator::linksOpened() const {
-  std::lock_guard lock(mutex_);
-  return linksOpened_;
-}
-
-int IGotUEmulator::linksOpen() const {
-  std::lock_guard lock(mutex_);
-  return linksOpen_;
 }
 
 bool IGotUEmulator::waitForFault(std::chrono::milliseconds timeout) const {

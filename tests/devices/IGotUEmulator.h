@@ -10,6 +10,7 @@
 // often as asked) before an acknowledgement, goes silent, or is unplugged.
 
 #include "kvtrack/devices/usb/HidTransport.h"
+#include "tests/devices/LoggerWire.h"
 
 #include <array>
 #include <condition_variable>
@@ -56,8 +57,6 @@ class IGotUEmulator {
   static std::vector<std::uint8_t> record(const IGotUFix& fix);
   /// Flash holding the records from 0x1000 on; the count reports their number.
   void setRecords(const std::vector<std::vector<std::uint8_t>>& records);
-  /// The number the count command reports (after setRecords).
-  void setRecordCount(std::uint16_t count);
   void setIdentity(std::uint32_t serialNumber, std::uint8_t modelByte);
   /// Misbehaves at the nth frame (0-based) with command byte `command` (byte 1).
   void setFault(Fault fault, std::uint8_t command, int occurrence, int repeat = 1);
@@ -66,11 +65,10 @@ class IGotUEmulator {
   HidTransportOpener opener();
 
   /// Complete frames received, in order.
-  std::vector<Frame> frames() const;
-  int badFrames() const;
-  std::vector<std::uint8_t> nmeaModes() const;
-  int linksOpened() const;
-  int linksOpen() const;
+  std::vector<Frame> frames() const { return lockedCopy(mutex_, frames_); }
+  int badFrames() const { return lockedCopy(mutex_, badFrames_); }
+  int linksOpened() const { return lockedCopy(mutex_, linksOpened_); }
+  int linksOpen() const { return lockedCopy(mutex_, linksOpen_); }
   /// Waits until the fault's frame has come in; false after the time-out.
   bool waitForFault(std::chrono::milliseconds timeout) const;
 
@@ -105,7 +103,6 @@ class IGotUEmulator {
   std::deque<std::uint8_t> outgoing_;
   std::vector<Frame> frames_;
   int badFrames_ = 0;
-  std::vector<std::uint8_t> nmeaModes_;
   int linksOpened_ = 0;
   int linksOpen_ = 0;
 };

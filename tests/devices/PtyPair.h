@@ -45,13 +45,14 @@ class PtyPair {
 
   /// Sends bytes from the far side; true when all went out.
   bool send(std::string_view bytes) const {
-    return master_ >= 0 &&
-           ::write(master_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    return master_ >= 0 && ::write(master_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
   }
   /// What the port side wrote, waiting at most timeoutMs for the first byte.
   std::string receive(int timeoutMs = 1000) const {
     std::string got;
-    struct pollfd fd {master_, POLLIN, 0};
+    struct pollfd fd {
+      master_, POLLIN, 0
+    };
     while (master_ >= 0 && ::poll(&fd, 1, got.empty() ? timeoutMs : 0) > 0 && (fd.revents & POLLIN)) {
       char chunk[512];
       ssize_t n = ::read(master_, chunk, sizeof chunk);

@@ -116,7 +116,7 @@ void IGotUGT800::initPort(const std::string& path) {
     return;
   }
   port_->setSpeed(9600);
-  port_->setReadTimeout(5.0);
+  port_->setReadTimeout(readTimeout_);
   port_->setStopBits(1);
   port_->setParityNone();
   port_->setDataBits(8);

@@ -8,7 +8,7 @@
 //
 // Failures are log lines and results: an import that fails part way returns
 // nothing (never a partial track) and the port is always closed afterwards.
-// Every read waits at most the port's 5-second time-out.
+// Every read waits at most the read time-out (5 s unless set otherwise).
 
 #include "kvtrack/devices/GpsDriver.h"
 #include "kvtrack/devices/serial/ZtSerialPort.h"
@@ -39,6 +39,10 @@ class IGotUGT800 : public GpsDriver {
   /// Receives the message shown after a successful erase; nullptr restores
   /// the default, which logs it. Process-wide, safe from any thread.
   static void setAlertCallback(AlertCallback callback);
+
+  /// Seconds a read may wait for the logger's answer; 5 s for the real logger.
+  void setReadTimeout(double seconds) { readTimeout_ = seconds; }
+  double readTimeout() const { return readTimeout_; }
 
   /// The held port (absent when none is open).
   const std::shared_ptr<ZtSerialPort>& port() const { return port_; }
@@ -81,6 +85,7 @@ class IGotUGT800 : public GpsDriver {
   std::vector<TrackPtr> tracks_;
   uint64_t trackPointCount_ = 0;
   int32_t modelType_ = 0;
+  double readTimeout_ = 5.0;
 };
 
 }  // namespace kvtrack
