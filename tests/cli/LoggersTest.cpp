@@ -133,34 +133,19 @@ TEST_F(LoggersTest, InterruptCancelsADownloadAndImportsNothing) {
   EXPECT_EQ(lineWith(listing, "May 1, "), "") << listing;
 }
 
-// Two tracks: three points on 17 May last year, two on 18 May, each opened
-// by a track-start record, and one record beyond the pole, skipped and counted.
-TEST_F(LoggersTest, GT800DownloadAddsBothTracksAndEraseKeepsSectorZero) {
+// Two tracks, each opened by a track-start record: three points on 17 May
+// last year, two on 18 May, and one beyond the pole, skipped and counted.
+TEST_F(LoggersTest, GT800DownloadAddsBothTracksAndEraseClearsThem) {
   ASSERT_TRUE(pty.valid());
   GT800Emulator logger(pty);
-  const auto record = [](std::uint8_t flags, int day, int hour, int minute, std::int32_t latitude,
-                         std::int32_t longitude) {
-    return GT800Emulator::record({.flags = flags,
-                                  .year = lastYear(),
-                                  .day = day,
-                                  .hour = hour,
-                                  .minute = minute,
-                                  .milliseconds = 30000,
-                                  .latitude = latitude,
-                                  .longitude = longitude,
-                                  .elevationCm = 52000});
-  };
-  std::vector<std::vector<std::uint8_t>> records;
-  for (int i = 0; i < 3; ++i) {
-    records.push_back(
-        record(i == 0 ? 0x40 : 0x00, 17, 21, 40 + i, 481234567 + i * 1000, 115678901 + i * 1000));
+  for (int i = 0; i < 6; ++i) {  // in sector 1
+    logger.putRecord(i, GT800Emulator::record({.flags = std::uint8_t(i % 3 == 0 ? 0x40 : 0),
+                                               .year = lastYear(),
+                                               .day = i < 3 ? 17 : 18,
+                                               .minute = i % 3,
+                                               .latitude = i == 5 ? 950000000 : 481234567 + i * 1000}));
   }
-  for (int i = 0; i < 2; ++i) {
-    records.push_back(record(i == 0 ? 0x40 : 0x00, 18, 6, i, 471000000 + i * 1000, 85000000 + i * 1000));
-  }
-  records.push_back(record(0x00, 18, 6, 2, 950000000, 85002000));
-  for (std::size_t i = 0; i < records.size(); ++i) logger.putRecord(i, records[i]);  // sector 1
-  logger.setRecordCount(static_cast<std::uint32_t>(records.size()));
+  logger.setRecordCount(6);
   logger.start();
   WayfolioRun result = run("download --type '*i-gotUGT800' --device " + port());
   ASSERT_EQ(result.status, 0) << result.err;
