@@ -140,7 +140,9 @@ TEST_F(ExportTest, ZipViewAndConvertOfFolders) {
   EXPECT_THAT(opened.out, HasSubstr("3 tracks"));
   EXPECT_EQ(ScratchFolder::read(scratch.file("opened.txt")), chosen);
   ok("mkdir Empty");
-  EXPECT_THAT(view("Empty").err, HasSubstr("folder 'Empty' holds no tracks to view"));
+  const WayfolioRun empty = view("Empty");
+  EXPECT_EQ(empty.status, 1);
+  EXPECT_THAT(empty.err, HasSubstr("folder 'Empty' holds no tracks to view"));
   const std::string nowhere = scratch.file("missing/folder/view.html");
   const WayfolioRun unwritableView = view("'Rhine ride' --html " + word(nowhere));
   EXPECT_EQ(unwritableView.status, 1);

@@ -128,8 +128,9 @@ TEST_F(LibraryCommandsTest, MkdirMvRenameAndRmReshapeTheTree) {
   EXPECT_EQ(lineWith(top, "2024"), "2024/");
   EXPECT_EQ(lineWith(ok("tree"), "Switzerland"), "  Switzerland/");
   EXPECT_THAT(lineWith(ok("tree"), "Bachalpsee hike"), StartsWith("    Bachalpsee hike"));
-  EXPECT_EQ(run("mv 2024 2024/Alps").err,
-            "wayfolio: error: cannot move folder '2024' into its own subfolder '2024/Alps'\n");
+  const WayfolioRun below = run("mv 2024 2024/Alps");
+  EXPECT_EQ(below.status, 1);
+  EXPECT_EQ(below.err, "wayfolio: error: cannot move folder '2024' into its own subfolder '2024/Alps'\n");
   EXPECT_EQ(run("mv 2024 2024").err, "wayfolio: error: cannot move folder '2024' into itself\n");
 
   ok("rename Alps " + word("Bernese Oberland"));

@@ -200,22 +200,21 @@ void HeadlessChromium::note(const nlohmann::json& event) {
   } else if (method == "Network.requestWillBeSent") {
     const std::string url = params["request"].value("url", "");
     if (url.rfind("file:", 0) != 0 && url.rfind("data:", 0) != 0) outsideRequests_.push_back(url);
+  } else if (method == "Page.loadEventFired") {
+    loaded_ = true;
   }
-  events_.push_back(event);
 }
 
 bool HeadlessChromium::navigate(const std::string& url) {
-  events_.clear();
+  loaded_ = false;
   if (call("Page.navigate", {{"url", url}}).contains("error")) return false;
   const auto deadline = Clock::now() + kPatience;
-  for (const auto& event : events_) {
-    if (event.value("method", "") == "Page.loadEventFired") return true;
-  }
-  while (auto message = nextMessage(deadline)) {
+  while (!loaded_) {
+    const auto message = nextMessage(deadline);
+    if (!message) return false;
     note(*message);
-    if (message->value("method", "") == "Page.loadEventFired") return true;
   }
-  return false;
+  return true;
 }
 
 nlohmann::json HeadlessChromium::evaluate(const std::string& expression) {

@@ -62,7 +62,7 @@ class HeadlessChromium {
   std::string session_;
   std::string buffer_;
   int nextId_ = 0;
-  std::vector<nlohmann::json> events_;
+  bool loaded_ = false;  // the load event of the page being navigated to came
   std::vector<std::string> errors_;
   std::vector<std::string> outsideRequests_;
 };
