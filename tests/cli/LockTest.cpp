@@ -6,8 +6,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-
 #include <chrono>
 #include <future>
 #include <thread>
@@ -16,36 +14,22 @@ namespace kvtrack::testing {
 namespace {
 
 using ::testing::HasSubstr;
+using LockTest = WayfolioTest;
 
-class LockTest : public WayfolioTest {
- protected:
-  void SetUp() override {
-    importExamples();
-    fd_ = ::open((library() + "/.wayfolio.lock").c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd_, 0);
-    ASSERT_EQ(::flock(fd_, LOCK_EX | LOCK_NB), 0);  // as another wayfolio would
-  }
-  void TearDown() override { release(); }
-  void release() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
+TEST_F(LockTest, NoWaitReportsABusyLibraryAndANormalRunWaitsUntilItIsFree) {
+  importExamples();
+  int lock = ::open((library() + "/.wayfolio.lock").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(lock, 0);
+  ASSERT_EQ(::flock(lock, LOCK_EX | LOCK_NB), 0);  // as another wayfolio would
+  const WayfolioRun busy = run("--no-wait ls");
+  EXPECT_EQ(busy.status, 1);
+  EXPECT_EQ(busy.out, "");
+  EXPECT_EQ(busy.err,
+            "wayfolio: the library " + library() + " is busy (another wayfolio is working on it)\n");
 
-  int fd_ = -1;
-};
-
-TEST_F(LockTest, NoWaitReportsABusyLibrary) {
-  const WayfolioRun result = run("--no-wait ls");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "wayfolio: the library " + library() +
-                            " is busy (another wayfolio is working on it)\n");
-}
-
-TEST_F(LockTest, ANormalRunWaitsUntilTheLibraryIsFree) {
-  std::thread releaser([this] {
+  std::thread releaser([lock] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    release();
+    ::close(lock);
   });
   const WayfolioRun result = run("mkdir Later");
   releaser.join();
@@ -57,7 +41,7 @@ TEST_F(LockTest, ANormalRunWaitsUntilTheLibraryIsFree) {
 }
 
 TEST_F(LockTest, ConcurrentImportsBothArrive) {
-  release();
+  importExamples();
   auto first = std::async(std::launch::async, [this] {
     return run("import --into A " + word(examples("rhine-ride.gpx"))).status;
   });

@@ -3,8 +3,6 @@
 // defined exit status, and every track they had still there.
 #include "tests/cli/WayfolioFixture.h"
 
-#include <gmock/gmock.h>
-
 #include <filesystem>
 
 namespace kvtrack::testing {
@@ -32,14 +30,12 @@ TEST_F(NothingLostTest, AFullDiskFailsTheImportAndTheSameFileImportsLater) {
   importExamples();
   const std::string ride = examples("rhine-ride.gpx");
   ok("rm " + word("Rhine ride"));
-  const auto before = files();
   const std::string listing = ok("tree");
   for (const std::string fault : {"write:1:ENOSPC", "write:2:ENOSPC", "fsync:1:EIO", "rename:1:EIO"}) {
     const WayfolioRun failed = runWithFault(fault, "import " + word(ride));
     EXPECT_EQ(failed.status, 1) << fault;
     EXPECT_THAT(failed.out, Not(HasSubstr("added"))) << fault;  // no success line
-    EXPECT_THAT(failed.err, StartsWith("wayfolio: error: could not save the library: cannot "))
-        << fault;
+    EXPECT_THAT(failed.err, StartsWith("wayfolio: error: could not save the library: cannot ")) << fault;
     EXPECT_THAT(failed.err, HasSubstr("its files were left as they were before this command"));
     EXPECT_EQ(ok("tree"), listing) << fault;
   }

@@ -3,10 +3,7 @@
 // then writes the cached names into the photos (read back with exiftool).
 #include "tests/cli/WayfolioFixture.h"
 #include "tests/common/ScopedEnvironment.h"
-#include "tests/photos/PhotoTestSupport.h"
 #include "tests/places/PlaceServiceEmulator.h"
-
-#include <gmock/gmock.h>
 
 #include <fmt/format.h>
 
@@ -19,25 +16,15 @@ using ::testing::HasSubstr;
 class PlaceCommandsTest : public WayfolioTest {
  protected:
   PlaceCommandsTest() : cache("XDG_CACHE_HOME", scratch.file("cache")) {}
-  void SetUp() override {
-    importExamples();
-    fs::create_directories(scratch.path() / "photos");
-  }
+  void SetUp() override { importExamples(); }
   void useEmulator(const std::string& account = "tester") {
-    scratch.write("settings.toml",
-                  fmt::format("[places]\ngeoNamesUserName = \"{}\"\ngeoNamesServer = \"{}\"\n"
-                              "geolocationServer = \"{}\"\nterraServiceServer = \"{}\"\n"
-                              "geoNamesRequestSpacing = 0.0\n[defaults]\nGeoNamesLocale = \"de\"\n",
-                              account, emulator.server().url(), emulator.server().url(),
-                              emulator.server().url()));
+    scratch.write(
+        "settings.toml",
+        fmt::format("[places]\ngeoNamesUserName = \"{}\"\ngeoNamesServer = \"{}\"\n"
+                    "geolocationServer = \"{}\"\nterraServiceServer = \"{}\"\n"
+                    "geoNamesRequestSpacing = 0.0\n[defaults]\nGeoNamesLocale = \"de\"\n",
+                    account, emulator.server().url(), emulator.server().url(), emulator.server().url()));
   }
-  std::string photo(const std::string& name, const std::string& wallClock) {
-    const std::string path = scratch.file("photos/" + name);
-    EXPECT_TRUE(makeJpeg(path, {"DateTimeOriginal=" + wallClock})) << name;
-    return path;
-  }
-  std::string photos() const { return word(scratch.file("photos")); }
-  static constexpr const char* kHike = "'Bachalpsee hike'";
 
   PlaceServiceEmulator emulator;
   ScopedEnvironment cache;
@@ -79,8 +66,7 @@ TEST_F(PlaceCommandsTest, PlacesFillsTrackPhotosThroughTheCacheAndGeotagWritesTh
 
 TEST_F(PlaceCommandsTest, GeocodeSearchesNamesPositionsAndLinks) {
   useEmulator();
-  EXPECT_EQ(ok("geocode 'https://maps.google.com/maps?q=x&ll=47.6,-122.3&z=3'"),
-            "47.600000 -122.300000\n");
+  EXPECT_EQ(ok("geocode 'https://maps.google.com/maps?q=x&ll=47.6,-122.3&z=3'"), "47.600000 -122.300000\n");
   EXPECT_EQ(emulator.server().requestCount(), 0u);  // read offline
   const WayfolioRun notALink = run("geocode 'https://example.com/?ll=47,-122'");
   EXPECT_EQ(notALink.status, 1);

@@ -2,8 +2,6 @@
 // "wayfolio __complete" and the bash and zsh scripts that ask for them.
 #include "tests/cli/WayfolioFixture.h"
 
-#include <gmock/gmock.h>
-
 #include <map>
 #include <regex>
 
@@ -16,29 +14,17 @@ using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
 using ::testing::Not;
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> found;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) found.push_back(line);
-  return found;
-}
-
-std::string collapsed(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\s+"), " ");
-}
+std::string collapsed(const std::string& text) { return std::regex_replace(text, std::regex("\\s+"), " "); }
 
 std::string completionScript(const std::string& name) {
-  return (fs::path(__FILE__).parent_path().parent_path().parent_path() / "tools" / "wayfolio" /
-          "completion" / name)
-      .string();
+  return (fs::path(KVTRACK_SOURCE_DIR) / "tools/wayfolio/completion" / name).string();
 }
 
 // Every file below the folder with its size and modification time.
 std::map<std::string, std::pair<uintmax_t, fs::file_time_type>> snapshot(const std::string& folder) {
   std::map<std::string, std::pair<uintmax_t, fs::file_time_type>> files;
   for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    files[entry.path().string()] = {entry.is_regular_file() ? entry.file_size() : 0,
-                                    entry.last_write_time()};
+    files[entry.path().string()] = {entry.is_regular_file() ? entry.file_size() : 0, entry.last_write_time()};
   }
   return files;
 }
@@ -55,8 +41,10 @@ class ShellSupportTest : public WayfolioTest {
     std::vector<std::string> commands;
     bool listing = false;
     for (const std::string& line : lines(ok("--help"))) {
-      if (line == "Subcommands:") listing = true;
-      else if (listing && line.size() > 2 && line[2] != ' ') commands.push_back(line.substr(2, line.find(' ', 2) - 2));
+      if (line == "Subcommands:")
+        listing = true;
+      else if (listing && line.size() > 2 && line[2] != ' ')
+        commands.push_back(line.substr(2, line.find(' ', 2) - 2));
     }
     return commands;
   }
@@ -68,12 +56,6 @@ class ShellSupportTest : public WayfolioTest {
       if (std::regex_search(line, match, option) && match[2] != "--help") options.push_back(match[2]);
     }
     return options;
-  }
-
-  void makeTree() {
-    importExamples();
-    ok("mkdir 2024/Alps " + word("Bern walks"));
-    ok("mv " + word("Bachalpsee hike") + " 2024/Alps");
   }
 };
 
@@ -100,8 +82,8 @@ TEST_F(ShellSupportTest, TheManualPageDescribesEveryCommandAndOptionThatHelpList
   }
   EXPECT_NE(rendered.find(collapsed(ok("--version"))), std::string::npos);
   // groff finds nothing to complain about.
-  const ShellOutput warnings = runShellCommandReadingOutput(
-      "LC_ALL=C MANWIDTH=80 man --warnings -l " + word(WAYFOLIO_MANUAL) + " 2>&1 >/dev/null");
+  const ShellOutput warnings = runShellCommandReadingOutput("LC_ALL=C MANWIDTH=80 man --warnings -l " +
+                                                            word(WAYFOLIO_MANUAL) + " 2>&1 >/dev/null");
   EXPECT_EQ(warnings.output, "");
 }
 
@@ -115,7 +97,8 @@ TEST_F(ShellSupportTest, CommandsOptionsAndChoicesComplete) {
   EXPECT_THAT(complete("--li"), ElementsAre("words", "--library"));
   EXPECT_THAT(complete("rm -r --rec"), ElementsAre("words", "--recursive"));
   EXPECT_THAT(complete("sort --by ''"), ElementsAre("words", "name", "date", "length", "duration"));
-  EXPECT_THAT(complete("--verbose sort --descending --by=d"), ElementsAre("words", "--by=date", "--by=duration"));
+  EXPECT_THAT(complete("--verbose sort --descending --by=d"),
+              ElementsAre("words", "--by=date", "--by=duration"));
   EXPECT_THAT(complete("download --type '*'"), IsSupersetOf({"*i-gotU", "*i-gotUGT800", "*BG728"}));
   EXPECT_THAT(complete("import ''"), ElementsAre("files"));
   EXPECT_THAT(complete("--library ''"), ElementsAre("directories"));
@@ -125,10 +108,13 @@ TEST_F(ShellSupportTest, CommandsOptionsAndChoicesComplete) {
   EXPECT_THAT(complete("import -- --"), ElementsAre("files"));
 }
 
-TEST_F(ShellSupportTest, TrackAndFolderNamesCompleteFromTheLibrary) {
-  makeTree();
-  EXPECT_THAT(complete("show ''"), ElementsAre("names", "2024/", "Bachalpsee hike", "Bern walks/",
-                                               "Lake walk", "Rhine ride"));
+TEST_F(ShellSupportTest, TrackAndFolderNamesCompleteFromTheLibraryInBashAndZsh) {
+  importExamples();
+  ok("mkdir 2024/Alps " + word("Bern walks"));
+  ok("mv " + word("Bachalpsee hike") + " 2024/Alps");
+  const auto before = snapshot(library());
+  EXPECT_THAT(complete("show ''"),
+              ElementsAre("names", "2024/", "Bachalpsee hike", "Bern walks/", "Lake walk", "Rhine ride"));
   EXPECT_THAT(complete("show Ba"), ElementsAre("names", "Bachalpsee hike"));
   EXPECT_THAT(complete("show 2024/"), ElementsAre("names", "2024/Alps/"));
   EXPECT_THAT(complete("show /2024/Alps/"), ElementsAre("names", "/2024/Alps/Bachalpsee hike"));
@@ -138,14 +124,7 @@ TEST_F(ShellSupportTest, TrackAndFolderNamesCompleteFromTheLibrary) {
   EXPECT_THAT(complete("mv Rhine 2024/A"), ElementsAre("names", "2024/Alps/"));
   EXPECT_THAT(complete("zip out.zip --track R"), ElementsAre("names", "Rhine ride"));
   EXPECT_THAT(complete("zip R"), ElementsAre("files"));
-}
-
-TEST_F(ShellSupportTest, CompletionOnlyReadsTheLibrary) {
-  makeTree();
-  const auto before = snapshot(library());
-  complete("show ''");
-  complete("rm -r ''");
-  EXPECT_EQ(snapshot(library()), before);
+  EXPECT_EQ(snapshot(library()), before);  // completion only reads
   // A library named on the command line is the one read, and none is made.
   const std::string other = scratch.file("other library");
   EXPECT_THAT(complete("--library " + word(other) + " show ''"), ElementsAre("names"));
@@ -156,31 +135,26 @@ TEST_F(ShellSupportTest, CompletionOnlyReadsTheLibrary) {
       runProgram("flock -x " + word(library() + "/.wayfolio.lock") + " timeout 20 " + word(WAYFOLIO_BINARY),
                  library(), "__complete -- show R");
   EXPECT_THAT(lines(held.out), Contains("Rhine ride"));
-}
 
-TEST_F(ShellSupportTest, TheBashScriptQuotesAndSplitsLikeTheShell) {
-  makeTree();
-  // Runs the completion function on the line as typed, cursor at its end.
+  // Runs bash's completion function on the line as typed, cursor at its end.
   const auto tab = [&](const std::string& typed) {
     const std::string line = word(WAYFOLIO_BINARY) + " --library " + word(library()) + " " + typed;
-    const std::string script =
-        "compopt() { printf 'compopt %s\\n' \"$*\"; }; source " + word(completionScript("wayfolio.bash")) +
-        "; COMP_LINE=" + word(line) + "; COMP_POINT=${#COMP_LINE}; _wayfolio; " +
-        "[[ ${#COMPREPLY[@]} -eq 0 ]] || printf '%s\\n' \"${COMPREPLY[@]}\"";
+    const std::string script = "compopt() { printf 'compopt %s\\n' \"$*\"; }; source " +
+                               word(completionScript("wayfolio.bash")) + "; COMP_LINE=" + word(line) +
+                               "; COMP_POINT=${#COMP_LINE}; _wayfolio; " +
+                               "[[ ${#COMPREPLY[@]} -eq 0 ]] || printf '%s\\n' \"${COMPREPLY[@]}\"";
     return lines(runShellCommandReadingOutput("bash -c " + word(script)).output);
   };
   EXPECT_THAT(tab("show 'Bachalpsee h"), ElementsAre("compopt -o filenames", "Bachalpsee hike"));
   EXPECT_THAT(tab("show Bachalpsee\\ h"), ElementsAre("compopt -o filenames", "Bachalpsee hike"));
   EXPECT_THAT(tab("ls \"2024/A"), ElementsAre("compopt -o filenames", "compopt -o nospace", "2024/Alps/"));
-  EXPECT_THAT(tab("download --into=Be"), ElementsAre("compopt -o filenames", "compopt -o nospace", "Bern walks/"));
+  EXPECT_THAT(tab("download --into=Be"),
+              ElementsAre("compopt -o filenames", "compopt -o nospace", "Bern walks/"));
   EXPECT_THAT(tab("ex"), ElementsAre("export"));
   EXPECT_THAT(tab("import "), ElementsAre("compopt -o default"));
-}
 
-TEST_F(ShellSupportTest, TheZshScriptAddsNamesWithoutSpaceAfterFolders) {
-  makeTree();
   // compadd and _files stand in for zsh's own, which work only inside the line editor.
-  const auto tab = [&](const std::string& wordsArray, int current, const std::string& prefix) {
+  const auto zsh = [&](const std::string& wordsArray, int current, const std::string& prefix) {
     const std::string script =
         "compadd() { print -r -- \"compadd $*\"; }; _files() { print -r -- \"_files $*\"; }; words=(" +
         word(WAYFOLIO_BINARY) + " --library " + word(word(library())) + " " + wordsArray +
@@ -188,11 +162,11 @@ TEST_F(ShellSupportTest, TheZshScriptAddsNamesWithoutSpaceAfterFolders) {
         word(completionScript("_wayfolio"));
     return lines(runShellCommandReadingOutput("zsh -f -c " + word(script)).output);
   };
-  EXPECT_THAT(tab("show ''", 5, ""),
-              ElementsAre("compadd -S  -- 2024/ Bern walks/", "compadd -- Bachalpsee hike Lake walk Rhine ride"));
-  EXPECT_THAT(tab("show 'Rh'", 5, "'Rh'"), ElementsAre("compadd -- Rhine ride"));
-  EXPECT_THAT(tab("sort --by ''", 6, ""), ElementsAre("compadd -- name date length duration"));
-  EXPECT_THAT(tab("sync --from ''", 6, ""), ElementsAre("_files -/"));
+  EXPECT_THAT(zsh("show ''", 5, ""), ElementsAre("compadd -S  -- 2024/ Bern walks/",
+                                                 "compadd -- Bachalpsee hike Lake walk Rhine ride"));
+  EXPECT_THAT(zsh("show 'Rh'", 5, "'Rh'"), ElementsAre("compadd -- Rhine ride"));
+  EXPECT_THAT(zsh("sort --by ''", 6, ""), ElementsAre("compadd -- name date length duration"));
+  EXPECT_THAT(zsh("sync --from ''", 6, ""), ElementsAre("_files -/"));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 // in a second library, which then follows the changes made in the first.
 #include "tests/cli/WayfolioFixture.h"
 
-#include <gmock/gmock.h>
-
 #include <chrono>
 #include <thread>
 
@@ -23,19 +21,17 @@ class SyncTest : public WayfolioTest {
   }
   // The three tracks of the examples.
   void importTracks(const std::string& options = {}) {
-    ok("import " + word(examples("bachalpsee-hike.gpx")) + " " + word(examples("rhine-ride.gpx")) +
-       " " + word(examples("lake-walk.kml")) + options);
+    ok("import " + word(examples("bachalpsee-hike.gpx")) + " " + word(examples("rhine-ride.gpx")) + " " +
+       word(examples("lake-walk.kml")) + options);
   }
   std::string pullIntoB() const { return onB("sync --from " + word(mirror())); }
   // Record times are whole seconds: a later push must fall in a later one.
   static void nextSecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
 
   static std::vector<std::string> sortedLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    std::sort(lines.begin(), lines.end());
-    return lines;
+    std::vector<std::string> found = lines(text);
+    std::sort(found.begin(), found.end());
+    return found;
   }
 };
 

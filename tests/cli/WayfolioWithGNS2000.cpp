@@ -16,30 +16,22 @@
 #include <memory>
 #include <vector>
 
-namespace {
-
 using kvtrack::test::GNS2000Emulator;
 using kvtrack::testing::environmentNumber;
-using kvtrack::testing::lastYear;
-
-int32_t firstOfMayLastYear() {
-  std::tm may{};
-  may.tm_year = lastYear() - 1900;
-  may.tm_mon = 4;
-  may.tm_mday = 1;
-  may.tm_hour = 8;
-  return static_cast<int32_t>(timegm(&may));
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   static GNS2000Emulator receiver;  // outlives the bridge's use of it
+  std::tm may{};
+  may.tm_year = kvtrack::testing::lastYear() - 1900;
+  may.tm_mon = 4;
+  may.tm_mday = 1;
+  may.tm_hour = 8;
+  const auto firstOfMayLastYear = static_cast<int32_t>(timegm(&may));
   const int count = environmentNumber("WAYFOLIO_TEST_GNS_RECORDS", 0);
   std::vector<GNS2000Emulator::Record> records;
   for (int i = 0; i < count; ++i) {
     const int minute = i < count / 2 ? i : i - count / 2 - 60;
-    records.push_back(GNS2000Emulator::record({.time = firstOfMayLastYear() + 60 * minute,
+    records.push_back(GNS2000Emulator::record({.time = firstOfMayLastYear + 60 * minute,
                                                .fixType = 3,
                                                .latitude = 47.0f + static_cast<float>(i) * 1e-3f,
                                                .longitude = 8.5f,
@@ -49,8 +41,8 @@ int main(int argc, char** argv) {
   receiver.setMisbehaviour({.silent = environmentNumber("WAYFOLIO_TEST_GNS_SILENT", 0) != 0});
 
   auto stack = std::make_shared<kvtrack::test::EmulatedBluetooth>();
-  auto device = std::make_shared<kvtrack::test::EmulatedBluetoothDevice>(
-      "GNS 2000", "00:1B:C1:0A:0B:0C", kvtrack::RunLoop::main(), &receiver);
+  auto device = std::make_shared<kvtrack::test::EmulatedBluetoothDevice>("GNS 2000", "00:1B:C1:0A:0B:0C",
+                                                                         kvtrack::RunLoop::main(), &receiver);
   device->setServices({{"GNS GPS", 3}});
   stack->add(device);
   auto driver = std::make_shared<kvtrack::GNS2000>(stack, kvtrack::RunLoop::main());

@@ -14,22 +14,22 @@
 #include <memory>
 #include <vector>
 
-namespace {
-
 using kvtrack::test::IGotUEmulator;
 using kvtrack::testing::environmentNumber;
 using kvtrack::testing::lastYear;
-
-}  // namespace
 
 int main(int argc, char** argv) {
   static IGotUEmulator logger;  // outlives the bridge's use of it
   const int count = environmentNumber("WAYFOLIO_TEST_IGOTU_RECORDS", 0);
   std::vector<std::vector<std::uint8_t>> records;
   for (int i = 0; i < count; ++i) {
-    records.push_back(IGotUEmulator::record(
-        {.year = lastYear(), .month = 5, .day = 1, .hour = 8 + i / 60, .minute = i % 60,
-         .latitude = i + 1 < count ? 470000000 + i * 1000 : 950000000, .longitude = 80000000}));
+    records.push_back(IGotUEmulator::record({.year = lastYear(),
+                                             .month = 5,
+                                             .day = 1,
+                                             .hour = 8 + i / 60,
+                                             .minute = i % 60,
+                                             .latitude = i + 1 < count ? 470000000 + i * 1000 : 950000000,
+                                             .longitude = 80000000}));
   }
   logger.setRecords(records);
   if (const int block = environmentNumber("WAYFOLIO_TEST_IGOTU_SILENT_BLOCK", -1); block >= 0) {

@@ -78,46 +78,33 @@ pid_t spawn(const std::vector<std::string>& args, int commands, int replies, con
 
 }  // namespace
 
-std::optional<HeadlessChromium> HeadlessChromium::start(const std::string& profileFolder, int width,
-                                                        int height, std::string& why,
-                                                        Network network) {
+std::unique_ptr<HeadlessChromium> HeadlessChromium::start(const std::string& profileFolder, int width,
+                                                          int height, std::string& why, Network network) {
   std::error_code ignored;
   std::filesystem::create_directories(profileFolder, ignored);
   int commands[2], replies[2];
   if (::pipe(commands) != 0 || ::pipe(replies) != 0) {
     why = std::strerror(errno);
-    return std::nullopt;
+    return nullptr;
   }
   for (int* end : {&commands[0], &commands[1], &replies[0], &replies[1]}) *end = high(*end);
   const bool online = network == Network::kLoopbackOnly;
   const bool isolated = !online && runShellCommand("unshare -n true") == 0;
-  const pid_t pid = spawn(arguments(profileFolder, width, height, isolated), commands[0],
-                          replies[1], profileFolder + "/chromium.log");
+  const pid_t pid = spawn(arguments(profileFolder, width, height, isolated), commands[0], replies[1],
+                          profileFolder + "/chromium.log");
   ::close(commands[0]);
   ::close(replies[1]);
-  HeadlessChromium browser(pid, commands[1], replies[0], isolated);
+  std::unique_ptr<HeadlessChromium> browser(new HeadlessChromium(pid, commands[1], replies[0]));
   if (pid < 0) {
     why = "chromium could not be started (is Debian's chromium installed?)";
-    return std::nullopt;
+    return nullptr;
   }
-  if (!browser.attach(online)) {
+  if (!browser->attach(online)) {
     why = "chromium did not answer on its debugging pipe; see " + profileFolder + "/chromium.log";
-    return std::nullopt;
+    return nullptr;
   }
   return browser;
 }
-
-HeadlessChromium::HeadlessChromium(HeadlessChromium&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)),
-      toBrowser_(std::exchange(other.toBrowser_, -1)),
-      fromBrowser_(std::exchange(other.fromBrowser_, -1)),
-      isolated_(other.isolated_),
-      session_(std::move(other.session_)),
-      buffer_(std::move(other.buffer_)),
-      nextId_(other.nextId_),
-      events_(std::move(other.events_)),
-      errors_(std::move(other.errors_)),
-      outsideRequests_(std::move(other.outsideRequests_)) {}
 
 HeadlessChromium::~HeadlessChromium() {
   if (pid_ > 0 && toBrowser_ >= 0) send("Browser.close", nlohmann::json::object(), false);
@@ -136,8 +123,8 @@ HeadlessChromium::~HeadlessChromium() {
 bool HeadlessChromium::attach(bool online) {
   const auto target = send("Target.createTarget", {{"url", "about:blank"}}, false);
   if (!target.contains("targetId")) return false;
-  const auto attached = send("Target.attachToTarget",
-                             {{"targetId", target["targetId"]}, {"flatten", true}}, false);
+  const auto attached =
+      send("Target.attachToTarget", {{"targetId", target["targetId"]}, {"flatten", true}}, false);
   if (!attached.contains("sessionId")) return false;
   session_ = attached["sessionId"].get<std::string>();
   for (const char* domain : {"Runtime.enable", "Log.enable", "Network.enable", "Page.enable"}) {
@@ -145,10 +132,8 @@ bool HeadlessChromium::attach(bool online) {
   }
   if (online) return true;
   // Pages see navigator.onLine false and every request fails at once.
-  return !call("Network.emulateNetworkConditions", {{"offline", true},
-                                                    {"latency", 0},
-                                                    {"downloadThroughput", -1},
-                                                    {"uploadThroughput", -1}})
+  return !call("Network.emulateNetworkConditions",
+               {{"offline", true}, {"latency", 0}, {"downloadThroughput", -1}, {"uploadThroughput", -1}})
               .contains("error");
 }
 
@@ -156,8 +141,7 @@ nlohmann::json HeadlessChromium::call(const std::string& method, const nlohmann:
   return send(method, params, true);
 }
 
-nlohmann::json HeadlessChromium::send(const std::string& method, const nlohmann::json& params,
-                                      bool onPage) {
+nlohmann::json HeadlessChromium::send(const std::string& method, const nlohmann::json& params, bool onPage) {
   const int id = ++nextId_;
   nlohmann::json message = {{"id", id}, {"method", method}, {"params", params}};
   if (onPage) message["sessionId"] = session_;
@@ -211,34 +195,31 @@ void HeadlessChromium::note(const nlohmann::json& event) {
     if (type == "error" || type == "assert") errors_.push_back("console: " + params["args"].dump());
   } else if (method == "Log.entryAdded") {
     if (params["entry"].value("level", "") == "error") {
-      errors_.push_back("log: " + params["entry"].value("text", "") + " " +
-                        params["entry"].value("url", ""));
+      errors_.push_back("log: " + params["entry"].value("text", "") + " " + params["entry"].value("url", ""));
     }
   } else if (method == "Network.requestWillBeSent") {
     const std::string url = params["request"].value("url", "");
     if (url.rfind("file:", 0) != 0 && url.rfind("data:", 0) != 0) outsideRequests_.push_back(url);
+  } else if (method == "Page.loadEventFired") {
+    loaded_ = true;
   }
-  events_.push_back(event);
 }
 
 bool HeadlessChromium::navigate(const std::string& url) {
-  events_.clear();
+  loaded_ = false;
   if (call("Page.navigate", {{"url", url}}).contains("error")) return false;
   const auto deadline = Clock::now() + kPatience;
-  for (const auto& event : events_) {
-    if (event.value("method", "") == "Page.loadEventFired") return true;
-  }
-  while (auto message = nextMessage(deadline)) {
+  while (!loaded_) {
+    const auto message = nextMessage(deadline);
+    if (!message) return false;
     note(*message);
-    if (message->value("method", "") == "Page.loadEventFired") return true;
   }
-  return false;
+  return true;
 }
 
 nlohmann::json HeadlessChromium::evaluate(const std::string& expression) {
-  const auto result = call("Runtime.evaluate", {{"expression", expression},
-                                                {"awaitPromise", true},
-                                                {"returnByValue", true}});
+  const auto result =
+      call("Runtime.evaluate", {{"expression", expression}, {"awaitPromise", true}, {"returnByValue", true}});
   if (result.contains("exceptionDetails")) return {{"exception", result["exceptionDetails"]}};
   if (result.contains("error")) return result;
   return result["result"].value("value", nlohmann::json());
@@ -250,8 +231,7 @@ std::string HeadlessChromium::screenshot() {
   nlohmann::json params = {{"format", "png"}, {"captureBeyondViewport", true}};
   if (metrics.contains("cssContentSize")) {
     const auto& size = metrics["cssContentSize"];
-    params["clip"] = {{"x", 0}, {"y", 0}, {"width", size["width"]}, {"height", size["height"]},
-                      {"scale", 1}};
+    params["clip"] = {{"x", 0}, {"y", 0}, {"width", size["width"]}, {"height", size["height"]}, {"scale", 1}};
   }
   const auto result = call("Page.captureScreenshot", params);
   if (!result.contains("data")) return {};

@@ -14,6 +14,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,13 +27,11 @@ class HeadlessChromium {
 
   /// Starts the browser with a profile in the folder and opens one page
   /// (viewport width x height). Absent, with the reason, when it cannot.
-  static std::optional<HeadlessChromium> start(const std::string& profileFolder, int width,
-                                               int height, std::string& why,
-                                               Network network = Network::kNone);
+  static std::unique_ptr<HeadlessChromium> start(const std::string& profileFolder, int width, int height,
+                                                 std::string& why, Network network = Network::kNone);
   ~HeadlessChromium();
-  HeadlessChromium(HeadlessChromium&& other) noexcept;
-  HeadlessChromium& operator=(HeadlessChromium&&) = delete;
   HeadlessChromium(const HeadlessChromium&) = delete;
+  HeadlessChromium& operator=(const HeadlessChromium&) = delete;
 
   /// Sends a command to the page and returns its "result"; a protocol
   /// error or a time-out gives an object with "error".
@@ -49,12 +48,10 @@ class HeadlessChromium {
   const std::vector<std::string>& errors() const { return errors_; }
   /// URLs the page requested other than file: and data: ones.
   const std::vector<std::string>& outsideRequests() const { return outsideRequests_; }
-  /// Whether the network namespace could be used.
-  bool isolated() const { return isolated_; }
 
  private:
-  HeadlessChromium(pid_t pid, int toBrowser, int fromBrowser, bool isolated)
-      : pid_(pid), toBrowser_(toBrowser), fromBrowser_(fromBrowser), isolated_(isolated) {}
+  HeadlessChromium(pid_t pid, int toBrowser, int fromBrowser)
+      : pid_(pid), toBrowser_(toBrowser), fromBrowser_(fromBrowser) {}
   nlohmann::json send(const std::string& method, const nlohmann::json& params, bool onPage);
   std::optional<nlohmann::json> nextMessage(std::chrono::steady_clock::time_point deadline);
   void note(const nlohmann::json& event);
@@ -62,11 +59,10 @@ class HeadlessChromium {
 
   pid_t pid_ = -1;
   int toBrowser_ = -1, fromBrowser_ = -1;
-  bool isolated_ = false;
   std::string session_;
   std::string buffer_;
   int nextId_ = 0;
-  std::vector<nlohmann::json> events_;
+  bool loaded_ = false;  // the load event of the page being navigated to came
   std::vector<std::string> errors_;
   std::vector<std::string> outsideRequests_;
 };

@@ -30,14 +30,12 @@ TEST(LineSimplificationTest, OffsetsAreMetresOnTheGround) {
   // 0.0001 degree of latitude is 11.12 m on the system's sphere; the
   // flat projection must agree with the great-circle formula.
   const double northward = TrackPoint::distanceFromLatitude(47.0, 8.005, 47.0001, 8.005) * 1000.0;
-  EXPECT_NEAR(distanceToSegmentInMetres({47.0001, 8.005}, {47.0, 8.0}, {47.0, 8.01}), northward,
-              0.01);
+  EXPECT_NEAR(distanceToSegmentInMetres({47.0001, 8.005}, {47.0, 8.0}, {47.0, 8.01}), northward, 0.01);
   // Beyond an end the distance is to that end.
   const double beyond = TrackPoint::distanceFromLatitude(47.0, 8.0, 47.0, 7.999) * 1000.0;
   EXPECT_NEAR(distanceToSegmentInMetres({47.0, 7.999}, {47.0, 8.0}, {47.0, 8.01}), beyond, 0.05);
   // Across the 180th meridian the short way is measured, not the long one.
-  EXPECT_NEAR(distanceToSegmentInMetres({0.0001, 180.0}, {0.0, 179.999}, {0.0, -179.999}), 11.12,
-              0.01);
+  EXPECT_NEAR(distanceToSegmentInMetres({0.0001, 180.0}, {0.0, 179.999}, {0.0, -179.999}), 11.12, 0.01);
 }
 
 TEST(LineSimplificationTest, KeepsOnlyWhatLeavesTheTolerance) {
@@ -81,11 +79,12 @@ TEST(LineSimplificationTest, EveryDroppedPointStaysWithinToleranceOfTheLine) {
   }
 }
 
-TEST(ProfileSamplingTest, KeepsEveryValueWhenThereAreFew) {
+TEST(ProfileSamplingTest, KeepsEveryValueWhenThereAreFewAndMergesInOrderWithoutRepeats) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const std::vector<double> values{3, nan, 5, 4, nan};
   EXPECT_THAT(extremeSamples(values, 10), ElementsAre(0, 2, 3));
   EXPECT_THAT(extremeSamples(values, 0), ElementsAre(0, 2, 3));
+  EXPECT_THAT(mergeSamples({{1, 4, 9}, {0, 4, 10}, {}}), ElementsAre(0, 1, 4, 9, 10));
 }
 
 TEST(ProfileSamplingTest, LongProfilesKeepTheirPeaksAndRange) {
@@ -105,10 +104,6 @@ TEST(ProfileSamplingTest, LongProfilesKeepTheirPeaksAndRange) {
   EXPECT_EQ(std::find(chosen.begin(), chosen.end(), 40000u), chosen.end());
   // Each run is about 83 points long: no gap between samples is much wider.
   for (size_t k = 1; k < chosen.size(); ++k) ASSERT_LT(chosen[k] - chosen[k - 1], 2 * 50000u / 600);
-}
-
-TEST(ProfileSamplingTest, MergingKeepsOrderWithoutRepeats) {
-  EXPECT_THAT(mergeSamples({{1, 4, 9}, {0, 4, 10}, {}}), ElementsAre(0, 1, 4, 9, 10));
 }
 
 }  // namespace
