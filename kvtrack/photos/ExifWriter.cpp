@@ -2,13 +2,13 @@
 
 #include "kvtrack/photos/ExifTool.h"
 #include "kvtrack/photos/TrackPhotoFiles.h"
+#include "kvtrack/support/ChildProcess.h"
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/KvPreferences.h"
 #include "kvtrack/support/Log.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -212,7 +212,7 @@ void removeStaleCopies(const fs::path& folder) {
         static_cast<size_t>(length) != name.size() || pid <= 0 || pid == ::getpid()) {
       continue;
     }
-    if (::kill(pid, 0) != 0 && errno == ESRCH) fs::remove(entry.path(), error);
+    if (!processIsRunning(pid)) fs::remove(entry.path(), error);
   }
 }
 

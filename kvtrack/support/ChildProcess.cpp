@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <optional>
 
 extern char** environ;
@@ -205,6 +207,15 @@ Result<std::string> readToEnd(int descriptor) {
     if (count < 0) return Status::failure(std::string("cannot read: ") + std::strerror(errno));
     gathered.append(buffer, static_cast<size_t>(count));
   }
+}
+
+bool processIsRunning(pid_t processId) {
+  if (processId <= 0 || (::kill(processId, 0) != 0 && errno != EPERM)) return false;
+  // "PID (NAME) STATE ...": the name may hold spaces and parentheses.
+  std::ifstream stat("/proc/" + std::to_string(processId) + "/stat");
+  const std::string line((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const size_t end = line.rfind(')');
+  return end == std::string::npos || end + 2 >= line.size() || (line[end + 2] != 'Z' && line[end + 2] != 'X');
 }
 
 }  // namespace kvtrack

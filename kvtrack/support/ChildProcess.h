@@ -69,6 +69,10 @@ class ChildProcess {
 /// Reads the descriptor to its end, retrying after signals and short reads.
 Result<std::string> readToEnd(int descriptor);
 
+/// Whether a process of this id still runs: one of another user's does, one
+/// that has ended and waits to be reaped (a zombie) does not.
+bool processIsRunning(pid_t processId);
+
 /// The environment every child process gets.
 std::vector<std::string> childEnvironment();
 

@@ -13,6 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
@@ -118,14 +119,16 @@ TEST_F(PhotoCommandsTest, AKilledWriteLeavesEveryPhotoWholeOrUntouched) {
                             word(WAYFOLIO_BINARY) + " --library " + word(library()) + " geotag --write gps " +
                             photos() + " >/dev/null 2>&1 & echo $! > " + word(pidFile)),
             0);
-  const auto writing = [&] {
+  const auto hiddenCopies = [&] {
+    std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(scratch.file("photos"))) {
-      if (entry.path().filename().string().starts_with(".wayfolio-exif-")) return true;
+      if (entry.path().filename().string().starts_with(".wayfolio-exif-")) names.push_back(entry.path());
     }
-    return false;
+    std::sort(names.begin(), names.end());
+    return names;
   };
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!writing() && std::chrono::steady_clock::now() < deadline) {
+  while (hiddenCopies().empty() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   EXPECT_EQ(runShellCommand("kill -9 $(cat " + word(pidFile) + ")"), 0) << "it ended before the kill";
@@ -140,8 +143,16 @@ TEST_F(PhotoCommandsTest, AKilledWriteLeavesEveryPhotoWholeOrUntouched) {
     ++written;
     EXPECT_THAT(line, MatchesRegex(positioned)) << "half written";
   }
-  // Whatever happened, a new run finishes the job.
+  // exiftool works through the commands it had already read; wait until it has done.
+  for (auto seen = hiddenCopies(); std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    auto now = hiddenCopies();
+    if (now == seen) break;
+    seen = std::move(now);
+  }
+  // Whatever happened, a new run finishes the job and clears the killed run's copies.
   EXPECT_THAT(ok("geotag --write gps " + photos()), HasSubstr(fmt::format("Attached {} photos", count)));
+  EXPECT_THAT(hiddenCopies(), IsEmpty());
   const auto finished = lines(runShellCommandReadingOutput(tags).output);
   EXPECT_EQ(finished.size(), static_cast<size_t>(count));
   for (const std::string& line : finished) EXPECT_THAT(line, MatchesRegex(positioned));
