@@ -131,24 +131,13 @@ TrackLibrary::~TrackLibrary() {
   }
 }
 
-int32_t TrackLibrary::trackCounter() const {
-  Lock lock(*this);
-  return trackCounter_;
-}
-
-void TrackLibrary::setTrackCounter(int32_t counter) {
-  Lock lock(*this);
-  trackCounter_ = counter;
-}
-
-void TrackLibrary::increaseTrackCounter() {
-  Lock lock(*this);
-  ++trackCounter_;
-}
-
 Status TrackLibrary::syncToDisk() {
   Lock lock(*this);
   if (readOnly_) return {};
+  // Every folder stays locked until the index is written: the save holds
+  // the tracks, and folders are locked before the tracks in them.
+  std::vector<std::unique_lock<const TrackLibraryFolder>> folders;
+  lockSubtree(folders);
   LibrarySave save(*store_);
   Status status;
   for (const auto& track : allTracks()) {

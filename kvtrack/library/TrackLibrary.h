@@ -16,6 +16,7 @@
 #include "kvtrack/support/FileHandling.h"
 #include "kvtrack/support/Status.h"
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <set>
@@ -48,9 +49,12 @@ class TrackLibrary : public TrackLibraryFolder {
   /// Saves everything.
   ~TrackLibrary() override;
 
-  int32_t trackCounter() const;
-  void setTrackCounter(int32_t counter);
-  void increaseTrackCounter();
+  // The counter needs no lock of the library: folders take numbers while
+  // they hold their own lock, which must never wait for the root's.
+  int32_t trackCounter() const { return trackCounter_.load(); }
+  void setTrackCounter(int32_t counter) { trackCounter_.store(counter); }
+  /// The counter's value, which then advances by one: never handed out twice.
+  int32_t takeTrackCounter() { return trackCounter_.fetch_add(1); }
   FileHandling& fileHandling() const { return fileHandling_; }
   /// The library folder.
   std::string folder() const { return fileHandling_.userApplicationSupport(); }
@@ -112,7 +116,7 @@ class TrackLibrary : public TrackLibraryFolder {
   Status stageIndex(LibrarySave& save, std::optional<std::string>& staged);
 
   FileHandling& fileHandling_;
-  int32_t trackCounter_ = 0;
+  std::atomic<int32_t> trackCounter_{0};
   TrackPtr geocacheTrack_;
   TrackPtr waypointTrack_;
   std::shared_ptr<LibraryTrackStore> store_;

@@ -50,14 +50,13 @@ void TrackLibraryFolder::setTracks(std::vector<TrackPtr> tracks) {
 
 void TrackLibraryFolder::insertTrack(const TrackPtr& track, std::ptrdiff_t position) {
   Lock lock(*this);
+  // Counter values are never reused, even when nothing was named.
   const auto library = TrackLibrary::current();
-  const int32_t counter = library ? library->trackCounter() : 0;
+  const int32_t counter = library ? library->takeTrackCounter() : 0;
   if (!track->filename() || track->filename()->empty()) {
     track->setFilename(fmt::format("Track{:08}.gpx", counter));
   }
   if (track->name().empty()) track->setName(fmt::format("Track{:08}", counter));
-  // Counter values are never reused, even when nothing was named.
-  if (library) library->increaseTrackCounter();
   tracks_.insert(tracks_.begin() + position, track);
   track->setParent(shared_from_this());
 }
@@ -95,8 +94,7 @@ Result<TrackPtr> TrackLibraryFolder::addTrackFromiCloudFile(std::string name, co
   Lock lock(*this);
   const auto library = TrackLibrary::current();
   auto track = Track::trackWithName(std::move(name));
-  track->setFilename(fmt::format("Track{:08}.gpx", library ? library->trackCounter() : 0));
-  if (library) library->increaseTrackCounter();
+  track->setFilename(fmt::format("Track{:08}.gpx", library ? library->takeTrackCounter() : 0));
   const std::string folder =
       library ? library->folder() : FileHandling::singleton().userApplicationSupport();
   // Like every library file, replaced only by a complete one.
@@ -173,30 +171,31 @@ void TrackLibraryFolder::setMetadataDirtyOfAllTracks(bool dirty) {
   for (const auto& folder : folders_) folder->setMetadataDirtyOfAllTracks(dirty);
 }
 
+// The old and the new folder may stand in any order in the tree: both are
+// locked together, without an order that another walk could invert.
 void TrackLibraryFolder::moveTrackHere(const TrackPtr& track) {
-  Lock lock(*this);
   const auto oldParent = std::dynamic_pointer_cast<TrackLibraryFolder>(track->parent());
   if (oldParent.get() == this) return;
   const TrackPtr keep = track;  // alive while it belongs to no folder
-  if (oldParent) {
-    std::lock_guard<const TrackLibraryFolder> oldLock(*oldParent);
-    std::erase(oldParent->tracks_, keep);
+  {
+    std::scoped_lock both(*this, oldParent ? *oldParent : *this);  // recursive: this twice is fine
+    if (oldParent) std::erase(oldParent->tracks_, keep);
+    addTrack(keep);
   }
-  addTrack(keep);
   keep->setMetadataDirty(true);
 }
 
 void TrackLibraryFolder::moveTrackLibraryFolderHere(const TrackLibraryFolderPtr& folder) {
-  Lock lock(*this);
-  for (const TrackLibraryFolder* f = this; f; f = f->parent_.lock().get()) {
-    if (f == folder.get()) return;  // into itself or below itself
+  for (auto f = shared_from_this(); f; f = f->parent()) {
+    if (f == folder) return;  // into itself or below itself
   }
   const TrackLibraryFolderPtr keep = folder;
-  if (auto oldParent = folder->parent()) {
-    std::lock_guard<const TrackLibraryFolder> oldLock(*oldParent);
-    std::erase(oldParent->folders_, keep);
+  const auto oldParent = folder->parent();
+  {
+    std::scoped_lock both(*this, oldParent ? *oldParent : *this);  // recursive: this twice is fine
+    if (oldParent) std::erase(oldParent->folders_, keep);
+    addFolder(keep);
   }
-  addFolder(keep);
   keep->setMetadataDirtyOfAllTracks(true);
 }
 
@@ -235,6 +234,11 @@ void TrackLibraryFolder::addAllSelectedFoldersToArray(std::vector<TrackLibraryFo
     if (folder->isSelected()) into.push_back(folder);
     folder->addAllSelectedFoldersToArray(into);
   }
+}
+
+void TrackLibraryFolder::lockSubtree(std::vector<std::unique_lock<const TrackLibraryFolder>>& locks) const {
+  locks.emplace_back(*this);
+  for (const auto& folder : folders_) folder->lockSubtree(locks);
 }
 
 std::vector<TrackPtr> TrackLibraryFolder::allTracks() const {
@@ -331,9 +335,10 @@ std::string TrackLibraryFolder::path() const {
   return text;
 }
 
+// Upwards, so this folder's lock is not held while the parent's is taken:
+// walks lock parent before child.
 void TrackLibraryFolder::addPath(std::string& path) const {
-  Lock lock(*this);
-  if (auto parent = parent_.lock()) {
+  if (auto parent = this->parent()) {
     path.insert(0, fmt::format("{}.", parent->indexOfTrackLibraryFolder(*this)));
     parent->addPath(path);
   }

@@ -77,6 +77,9 @@ class TrackLibraryFolder : public TrackFolder,
   void unselectAll();
   void selectAllTracks();
   std::vector<TrackPtr> allTracks() const;
+  /// Locks this folder and every one beneath it, parents first, until the
+  /// locks are let go; walks under them then take no lock of their own.
+  void lockSubtree(std::vector<std::unique_lock<const TrackLibraryFolder>>& locks) const;
   std::vector<TrackPtr> allSelectedTracks() const;
   std::vector<TrackLibraryFolderPtr> allSelectedFolders() const;
   TrackPtr firstSelectedTrack() const;

@@ -266,8 +266,8 @@ std::string Track::path() {
   return text;
 }
 
+// Without the track's lock: folders are locked before the tracks in them.
 void Track::addPath(std::string& path) {
-  Lock lock(*this);
   if (auto folder = parent()) {
     path.insert(0, std::to_string(folder->indexOfTrack(*this)));
     folder->addPath(path);
@@ -275,7 +275,6 @@ void Track::addPath(std::string& path) {
 }
 
 std::vector<std::string> Track::pathArray() {
-  Lock lock(*this);
   std::deque<std::string> names;
   for (auto folder = parent(); folder; folder = folder->parentFolder()) {
     if (!folder->name().empty()) names.push_front(folder->name());

@@ -101,7 +101,7 @@ TEST_F(BG728Test, DownloadsEveryPointInTheLoggersTimezoneThenReleasesThePort) {
   const TrackPtr track = result->front();
   expectSamplePoints(track, 3);
   // The logger's times carry no zone; its time zone only changes how they are shown.
-  const auto points = track->trackPoints();
+  const TrackPoints::List points = *track->trackPoints();  // a copy: no lock held across downloads
   EXPECT_TRUE(points[0]->time()->isEqualToDate(utc("2024-03-15T13:05:09")));
   EXPECT_TRUE(points[2]->time()->isEqualToDate(utc("2099-12-31T23:59:59")));
   for (const auto& p : points) EXPECT_EQ(p->time()->timezoneOffset(), 120);

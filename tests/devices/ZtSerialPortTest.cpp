@@ -341,20 +341,21 @@ TEST_F(ZtSerialPortTest, BackgroundWriterReportsProgressAndHowFarAStopCame) {
   };
   auto delegate = std::make_shared<RecordingDelegate>();
   port.setDelegate(delegate);
-  std::string block(1000, 'x');
+  // More than the pty holds: the writer is still busy until we read.
+  std::string block(1 << 18, 'x');
   for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>('a' + i % 26);
   ASSERT_TRUE(port.writeDataInBackground(ZtSerialPort::Data(block.begin(), block.end())));
   EXPECT_FALSE(port.writeDataInBackground({1, 2, 3}));  // one writer at a time
+  EXPECT_EQ(receiveAtLeast(block.size()), block);
   ZtSerialError ended = delegate->take(delegate->writeEnd);
   EXPECT_EQ(ended.code, ZtSerialErrorNone);
-  EXPECT_EQ(ended.bytesWritten, 1000u);
-  EXPECT_EQ(receiveAtLeast(block.size()), block);
+  EXPECT_EQ(ended.bytesWritten, block.size());
   {
     std::lock_guard guard(delegate->lock);
     ASSERT_GE(delegate->progress.size(), 2u);  // it went out piece by piece
     EXPECT_TRUE(std::is_sorted(delegate->progress.begin(), delegate->progress.end()));
-    EXPECT_EQ(delegate->progress.back(), 1000u);
-    EXPECT_EQ(delegate->total, 1000u);
+    EXPECT_EQ(delegate->progress.back(), block.size());
+    EXPECT_EQ(delegate->total, block.size());
   }
   EXPECT_FALSE(port.writeDataInBackground({}));  // nothing to write
 
