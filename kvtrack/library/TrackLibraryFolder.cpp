@@ -186,8 +186,8 @@ void TrackLibraryFolder::moveTrackHere(const TrackPtr& track) {
 }
 
 void TrackLibraryFolder::moveTrackLibraryFolderHere(const TrackLibraryFolderPtr& folder) {
-  for (auto f = shared_from_this(); f; f = f->parent()) {
-    if (f == folder) return;  // into itself or below itself
+  for (const TrackLibraryFolder* f = this; f; f = f->parent().get()) {
+    if (f == folder.get()) return;  // into itself or below itself; the tree keeps each alive
   }
   const TrackLibraryFolderPtr keep = folder;
   const auto oldParent = folder->parent();
